@@ -1,0 +1,2 @@
+// The bus implementation lives here.
+#include <KelMsgFeaMessaging/KelBus.h>
