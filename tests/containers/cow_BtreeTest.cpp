@@ -117,8 +117,8 @@ bool RemovalLeavesHeights(const IntMap& map, int key) {
 
 TEST(CowBtreeModel, SharingCopiesBehaveLikeIndependentStdMaps) {
   constexpr int kMaps = 4;
-  constexpr int kKeys = 48;
-  constexpr int kSteps = 3000;
+  constexpr int kKeys = 64;
+  constexpr int kSteps = 4000;
   for (unsigned seed : {1u, 2u, 3u}) {
     std::mt19937 random(seed);
     auto pick = [&random](int bound) { return static_cast<int>(random() % bound); };
@@ -134,14 +134,14 @@ TEST(CowBtreeModel, SharingCopiesBehaveLikeIndependentStdMaps) {
       const int j = pick(kMaps);
       const int key = pick(kKeys);
       const int value = pick(1000);
-      const int operation = pick(100);
-      if (operation < 40) {
+      const int operation = pick(1000);
+      if (operation < 420) {
         EXPECT_EQ(maps[i]->InsertUnlessMember(key, value), models[i].emplace(key, value).second);
-      } else if (operation < 60) {
+      } else if (operation < 620) {
         if (RemovalLeavesHeights(*maps[i], key))
           exactHeights[i] = false;
         EXPECT_EQ(maps[i]->Remove(key), models[i].erase(key) == 1);
-      } else if (operation < 72) {
+      } else if (operation < 740) {
         int* found = maps[i]->Find(key);
         const auto modelled = models[i].find(key);
         ASSERT_EQ(found != nullptr, modelled != models[i].end());
@@ -149,18 +149,18 @@ TEST(CowBtreeModel, SharingCopiesBehaveLikeIndependentStdMaps) {
           EXPECT_EQ(*found, modelled->second);
           *found = modelled->second = value;
         }
-      } else if (operation < 84) {
+      } else if (operation < 860) {
         const int* found = maps[i]->ConstFind(key);
         EXPECT_EQ(maps[i]->IsMember(key), models[i].count(key) == 1);
         ASSERT_EQ(found != nullptr, models[i].count(key) == 1);
         if (found != nullptr) {
           EXPECT_EQ(*found, models[i].at(key));
         }
-      } else if (operation < 91) {
+      } else if (operation < 930) {
         maps[j] = std::make_unique<IntMap>(*maps[i]);
         models[j] = models[i];
         exactHeights[j] = exactHeights[i];
-      } else if (operation < 98) {
+      } else if (operation < 995) {
         *maps[j] = *maps[i];
         models[j] = models[i];
         exactHeights[j] = exactHeights[i];
@@ -212,6 +212,53 @@ TEST(CowBtreeShape, FourthAscendingKeyRotatesTheRootLeft) {
   EXPECT_EQ(three->Left(), nullptr);
   EXPECT_EQ(three->Right()->Referent()->Key(), 4);
   EXPECT_EQ(map.Count(), 4u);
+
+  // 5 rotates the root again (3 on top); 7 makes 4 lean by two below it.
+  for (int key : {5, 6, 7})
+    ASSERT_TRUE(map.InsertUnlessMember(key, nullptr));
+  root = map.Root()->Referent();
+  EXPECT_EQ(root->Key(), 3);
+  EXPECT_EQ(root->Height(), 3);
+  EXPECT_EQ(root->Left()->Referent()->Key(), 2);
+  EXPECT_EQ(root->Left()->Referent()->Left()->Referent()->Key(), 1);
+  const auto* five = root->Right()->Referent();
+  EXPECT_EQ(five->Key(), 5);
+  EXPECT_EQ(five->Height(), 2);
+  EXPECT_EQ(five->Left()->Referent()->Key(), 4);
+  EXPECT_EQ(five->Left()->Referent()->Height(), 0);
+  EXPECT_EQ(five->Right()->Referent()->Key(), 6);
+  EXPECT_EQ(five->Right()->Referent()->Right()->Referent()->Key(), 7);
+}
+
+TEST(CowBtreeShape, RemovalRebalancesWhereOneSideBecameTwoTaller) {
+  IntMap atRoot;
+  for (int key : {10, 5, 20, 3, 15, 25, 30})
+    ASSERT_TRUE(atRoot.InsertUnlessMember(key, key));
+  ASSERT_EQ(NodeOf(atRoot.Root())->Key(), 10);
+  ASSERT_TRUE(atRoot.Remove(3));  // 5 becomes a leaf against 20's height 2
+  const Node* root = NodeOf(atRoot.Root());
+  EXPECT_EQ(root->Key(), 20);
+  EXPECT_EQ(root->Height(), 2);
+  EXPECT_EQ(NodeOf(root->Left())->Key(), 10);
+  EXPECT_EQ(NodeOf(root->Left())->Height(), 1);
+  EXPECT_EQ(NodeOf(NodeOf(root->Left())->Right())->Key(), 15);
+  EXPECT_EQ(NodeOf(root->Right())->Key(), 25);
+
+  IntMap below;
+  for (int key : {100, 50, 200, 25, 75, 150, 250, 10, 125, 220, 300, 310})
+    ASSERT_TRUE(below.InsertUnlessMember(key, key));
+  ASSERT_EQ(NodeOf(below.Root())->Height(), 4);
+  ASSERT_TRUE(below.Remove(125));  // 150 becomes a leaf against 250's height 2
+  root = NodeOf(below.Root());
+  EXPECT_EQ(root->Key(), 100);
+  EXPECT_EQ(root->Height(), 3);
+  const Node* right = NodeOf(root->Right());
+  EXPECT_EQ(right->Key(), 250);
+  EXPECT_EQ(right->Height(), 2);
+  EXPECT_EQ(NodeOf(right->Left())->Key(), 200);
+  EXPECT_EQ(NodeOf(right->Left())->Height(), 1);
+  EXPECT_EQ(NodeOf(NodeOf(right->Left())->Left())->Key(), 150);
+  EXPECT_EQ(NodeOf(NodeOf(right->Left())->Right())->Key(), 220);
 }
 
 TEST(CowBtreeShape, RemovalTakesTheInOrderSuccessor) {
