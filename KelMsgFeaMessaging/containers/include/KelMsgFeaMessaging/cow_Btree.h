@@ -73,7 +73,7 @@ class cow_Btree {
  private:
   Handle* m_root = nullptr;
   std::uint32_t m_count = 0;
-  V m_nullValue;  // value reported for an absent key
+  V m_nullValue;  // the null value, GetNullValue(); copied with the map
 };
 
 template <class K, class V>

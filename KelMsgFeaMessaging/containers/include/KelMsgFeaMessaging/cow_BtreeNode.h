@@ -60,9 +60,10 @@ class cow_BtreeNode {
   // this node's height.
   void RemoveNode(const cow_BtreeNode* removed, Handle* replacement);
   // Rebalances the subtree of this node, which `self` refers to, by one
-  // single rotation when one child's height exceeds the other's by 2 or
-  // more.  Returns the handle of the subtree's new top, which the caller
-  // stores where `self` was, or null when nothing changed.
+  // single rotation when one child's stored height exceeds the other's by 2
+  // or more (an absent child counts 0, as a leaf does).  Returns the handle of
+  // the subtree's new top, which the caller stores where `self` was, or null
+  // when nothing changed.
   Handle* Balance(Handle* self);
   // Balance of the node that `slot` refers to, storing the new top in `slot`.
   static void BalanceAt(Handle*& slot);
@@ -81,6 +82,7 @@ class cow_BtreeNode {
   friend class cow_Btree<K, V>;  // its Remove lends the root to a sentinel's left field
 
   static Handle* Share(const Handle* handle) { return handle ? new Handle(*handle) : nullptr; }
+  // What a child adds to its parent's height: its own + 1, or 0 when absent.
   static std::int32_t HeightBelow(const Handle* child) {
     return child ? child->Referent()->m_height + 1 : 0;
   }
