@@ -18,7 +18,8 @@ constexpr unsigned int kParseOptions = pugi::parse_default;
 class WellFormednessWalker : public pugi::xml_tree_walker {
  public:
   bool for_each(pugi::xml_node& node) override {
-    if (node.type() == pugi::node_element && HasRepeatedAttribute(node)) m_wellFormed = false;
+    if (node.type() == pugi::node_element && HasRepeatedAttribute(node))
+      m_wellFormed = false;
     return m_wellFormed;
   }
   bool WellFormed() const { return m_wellFormed; }
@@ -42,7 +43,8 @@ class WellFormednessWalker : public pugi::xml_tree_walker {
 bool HasSingleRoot(const pugi::xml_document& document) {
   int elements = 0;
   for (const pugi::xml_node& child : document.children()) {
-    if (child.type() == pugi::node_element) ++elements;
+    if (child.type() == pugi::node_element)
+      ++elements;
   }
   return elements == 1;
 }

@@ -6,13 +6,16 @@
 
 namespace {
 
-pugi::xml_node View(void* node) { return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node)); }
+pugi::xml_node View(void* node) {
+  return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node));
+}
 
 // Walks the subtree without recursion, so nesting depth costs no stack.
 class TextCollector : public pugi::xml_tree_walker {
  public:
   bool for_each(pugi::xml_node& node) override {
-    if (node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata) m_text += node.value();
+    if (node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata)
+      m_text += node.value();
     return true;
   }
   const std::string& Text() const { return m_text; }
@@ -23,7 +26,9 @@ class TextCollector : public pugi::xml_tree_walker {
 
 }  // namespace
 
-KelString KelBasXmlNode::GetTagName() const { return KelString(View(m_node).name()); }
+KelString KelBasXmlNode::GetTagName() const {
+  return KelString(View(m_node).name());
+}
 
 KelBasTreeGeneric<KelString> KelBasXmlNode::GetAttributes() const {
   KelBasTreeGeneric<KelString> attributes;

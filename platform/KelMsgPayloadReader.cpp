@@ -21,7 +21,8 @@ KelMsgPayloadReader::KelMsgPayloadReader(const void* payload, int size) noexcept
 
 std::int32_t KelMsgPayloadReader::ReadInt32() noexcept {
   const char* bytes = ReadBytes(kInt32Size);
-  if (bytes == nullptr) return 0;
+  if (bytes == nullptr)
+    return 0;
   std::int32_t value;
   std::memcpy(&value, bytes, sizeof value);
   return value;
@@ -30,13 +31,15 @@ std::int32_t KelMsgPayloadReader::ReadInt32() noexcept {
 bool KelMsgPayloadReader::ReadCountedString(KelString& target) {
   const std::int32_t byteCount = ReadInt32();
   const char* bytes = ReadBytes(byteCount);
-  if (m_failed) return false;
+  if (m_failed)
+    return false;
   target.BuildFromUTF8(bytes, byteCount);
   return true;
 }
 
 const char* KelMsgPayloadReader::ReadBytes(int byteCount) noexcept {
-  if (m_failed) return nullptr;
+  if (m_failed)
+    return nullptr;
   const std::ptrdiff_t bytesLeft = m_end - m_cursor;
   if (!KELMSG_PEER_CHECK(byteCount >= 0) || !KELMSG_PEER_CHECK(byteCount <= bytesLeft)) {
     m_failed = true;
@@ -48,8 +51,10 @@ const char* KelMsgPayloadReader::ReadBytes(int byteCount) noexcept {
 }
 
 bool KelMsgPayloadReader::ExpectEnd() noexcept {
-  if (m_failed) return false;
+  if (m_failed)
+    return false;
   const std::ptrdiff_t bytesLeft = m_end - m_cursor;
-  if (!KELMSG_PEER_CHECK(bytesLeft == 0)) m_failed = true;
+  if (!KELMSG_PEER_CHECK(bytesLeft == 0))
+    m_failed = true;
   return !m_failed;
 }

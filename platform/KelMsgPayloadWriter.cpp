@@ -18,6 +18,7 @@ void KelMsgPayloadWriter::WriteCountedString(const KelString& text) noexcept {
 }
 
 void KelMsgPayloadWriter::WriteBytes(const void* bytes, int byteCount) noexcept {
-  if (byteCount > 0) std::memcpy(m_cursor, bytes, static_cast<std::size_t>(byteCount));
+  if (byteCount > 0)
+    std::memcpy(m_cursor, bytes, static_cast<std::size_t>(byteCount));
   m_cursor += byteCount;
 }

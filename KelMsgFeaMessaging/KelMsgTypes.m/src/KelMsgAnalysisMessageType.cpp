@@ -23,7 +23,8 @@ struct MemFree {
 bool ReadRootTagName(const KelString& xmlBuffer, KelString& name) {
   KelBasXmlDocument document;
   const int hr = document.ReadString(xmlBuffer);
-  if (!KELMSG_PEER_CHECK(hr == S_OK)) return false;
+  if (!KELMSG_PEER_CHECK(hr == S_OK))
+    return false;
   name = document.GetRootElement().GetTagName();
   return true;
 }
@@ -49,15 +50,18 @@ KelString KelMsgAnalysisMessageType::GetRootElemNameFromXml(const KelString& xml
 
 KelString KelMsgAnalysisMessageType::GetTypeFromXmlBuffer(const KelString& xmlBuffer) const {
   KelString name;
-  if (!ReadRootTagName(xmlBuffer, name)) return KelString();
+  if (!ReadRootTagName(xmlBuffer, name))
+    return KelString();
   const int len = name.GetLengthInChar();
-  if (!KELMSG_PEER_CHECK(len > 0)) return KelString();
+  if (!KELMSG_PEER_CHECK(len > 0))
+    return KelString();
   // Four bytes hold the UTF-8 form of any character.
   const std::size_t capacity = 4 * static_cast<std::size_t>(len);
   std::unique_ptr<char, MemFree> utf8(static_cast<char*>(mem_OperatorNewThrowBuiltin(capacity)));
   unsigned s1 = static_cast<unsigned>(capacity);
   name.ConvertToUTF8(utf8.get(), &s1);
-  if (!KELMSG_PEER_CHECK(static_cast<unsigned>(len) >= s1)) return KelString();
+  if (!KELMSG_PEER_CHECK(static_cast<unsigned>(len) >= s1))
+    return KelString();
   return KelString(utf8.get(), static_cast<int>(capacity));
 }
 
@@ -76,7 +80,8 @@ void KelMsgAnalysisMessageType::Unstream(const void* buffer, int size) {
   KelMsgPayloadReader payload(buffer, size);
   KelString document;
   payload.ReadCountedString(document);
-  if (!payload.ExpectEnd()) return;
+  if (!payload.ExpectEnd())
+    return;
   m_msgBuffer = document;
 }
 

@@ -32,7 +32,9 @@ constexpr int kFixedBytes = 4 + 8 * 4 + 4 + 4;
 KelMsgFileTransferType::KelMsgFileTransferType()
     : KelMsgBBMessage(KelString("KelMsgFileTransferType")) {}
 
-KelMsgFileTransferType::~KelMsgFileTransferType() { ReleaseOwnedChunk(); }
+KelMsgFileTransferType::~KelMsgFileTransferType() {
+  ReleaseOwnedChunk();
+}
 
 void KelMsgFileTransferType::ReleaseOwnedChunk() noexcept {
   if (m_ownsChunk) {
@@ -44,7 +46,8 @@ void KelMsgFileTransferType::ReleaseOwnedChunk() noexcept {
 
 int KelMsgFileTransferType::RequiredBufferSize() const {
   int size = kFixedBytes + m_record.m_chunkSize;
-  for (const auto name : kNames) size += (m_record.*name).GetLengthInByte();
+  for (const auto name : kNames)
+    size += (m_record.*name).GetLengthInByte();
   return size;
 }
 
@@ -54,7 +57,8 @@ void KelMsgFileTransferType::Stream(void* buffer, int size) const {
   KELMSG_ASSERT(size >= RequiredBufferSize());
   KelMsgPayloadWriter payload(buffer, 0);
   payload.WriteInt32(m_record.m_dataType);
-  for (const auto name : kNames) payload.WriteCountedString(m_record.*name);
+  for (const auto name : kNames)
+    payload.WriteCountedString(m_record.*name);
   payload.WriteInt32(m_record.m_chunkId);
   payload.WriteInt32(m_record.m_chunkSize);
   payload.WriteBytes(m_record.m_chunkData, m_record.m_chunkSize);
@@ -66,11 +70,13 @@ void KelMsgFileTransferType::Unstream(const void* buffer, int size) {
   KelMsgPayloadReader payload(buffer, size);
   const std::int32_t dataType = payload.ReadInt32();
   std::array<KelString, kNames.size()> names;
-  for (KelString& name : names) payload.ReadCountedString(name);
+  for (KelString& name : names)
+    payload.ReadCountedString(name);
   const std::int32_t chunkId = payload.ReadInt32();
   const std::int32_t chunkSize = payload.ReadInt32();
   const char* chunk = payload.ReadBytes(chunkSize);
-  if (!payload.ExpectEnd()) return;
+  if (!payload.ExpectEnd())
+    return;
 
   char* copy = nullptr;
   if (chunkSize > 0) {
@@ -85,12 +91,15 @@ void KelMsgFileTransferType::Unstream(const void* buffer, int size) {
     m_ownsChunk = true;
   }
   m_record.m_dataType = dataType;
-  for (std::size_t i = 0; i < kNames.size(); ++i) m_record.*kNames[i] = std::move(names[i]);
+  for (std::size_t i = 0; i < kNames.size(); ++i)
+    m_record.*kNames[i] = std::move(names[i]);
   m_record.m_chunkId = chunkId;
   m_record.m_chunkSize = chunkSize;
 }
 
-KelMsgBBMessage* KelMsgFileTransferType::Clone() const { return new KelMsgFileTransferType(); }
+KelMsgBBMessage* KelMsgFileTransferType::Clone() const {
+  return new KelMsgFileTransferType();
+}
 
 void KelMsgFileTransferType::Print(FILE* stream, const char* prefix) const {
   KelMsgBBMessage::Print(stream, prefix);

@@ -34,18 +34,24 @@ void KelMsgProcessControlEncoder::ExternalizeProcessControlMsg(KelMsgProcessCont
 void KelMsgProcessControlEncoder::InternalizeProcessControlMsg(KelMsgProcessControlType& pcType) {
   KelBasXmlDocument document;
   const int hr = document.ReadString(pcType.m_xmlMessage);
-  if (!KELMSG_PEER_CHECK(hr == S_OK)) return;
+  if (!KELMSG_PEER_CHECK(hr == S_OK))
+    return;
   const KelBasXmlNode root = document.GetRootElement();
   const KelString rootTagName = root.GetTagName();
-  if (!KELMSG_PEER_CHECK(rootTagName == "Kill")) return;
+  if (!KELMSG_PEER_CHECK(rootTagName == "Kill"))
+    return;
   pcType.m_processControlType = KelMsgProcessControlType::PROCESS_CONTROL_KILL;
   const KelBasTreeGeneric<KelString> atts = root.GetAttributes();
-  if (!KELMSG_PEER_CHECK(atts.size() == 1)) return;
+  if (!KELMSG_PEER_CHECK(atts.size() == 1))
+    return;
   const auto itr = atts.find(KelString("type"));
-  if (!KELMSG_PEER_CHECK(itr != atts.end())) return;
+  if (!KELMSG_PEER_CHECK(itr != atts.end()))
+    return;
   const KelString& killType = itr->second;
-  if (!KELMSG_PEER_CHECK(killType == "symconst")) return;
+  if (!KELMSG_PEER_CHECK(killType == "symconst"))
+    return;
   const KelString killVal = root.GetTextContent();
-  if (!KELMSG_PEER_CHECK(killVal == "SOFT_KILL" || killVal == "HARD_KILL")) return;
+  if (!KELMSG_PEER_CHECK(killVal == "SOFT_KILL" || killVal == "HARD_KILL"))
+    return;
   pcType.m_values.emplace(KelString("Kill"), killVal);
 }

@@ -38,9 +38,11 @@ void KelMsgProcessControlType::Stream(void* buffer, int size) const {
 void KelMsgProcessControlType::Unstream(const void* buffer, int size) {
   KelMsgPayloadReader payload(buffer, size);
   const int len = payload.ReadInt32();
-  if (payload.Failed() || !KELMSG_PEER_CHECK(len > 0)) return;
+  if (payload.Failed() || !KELMSG_PEER_CHECK(len > 0))
+    return;
   const char* xml = payload.ReadBytes(len);
-  if (!payload.ExpectEnd()) return;
+  if (!payload.ExpectEnd())
+    return;
   m_xmlMessage.BuildFromUTF8(xml, len);
   KelMsgProcessControlEncoder::InternalizeProcessControlMsg(*this);
 }

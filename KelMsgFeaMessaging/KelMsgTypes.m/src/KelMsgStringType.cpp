@@ -14,7 +14,9 @@ constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgStrin
 
 KelMsgStringType::KelMsgStringType() : KelMsgBBMessage(KelString("KelMsgStringType")) {}
 
-KelMsgStringType::~KelMsgStringType() { ReleaseOwnedData(); }
+KelMsgStringType::~KelMsgStringType() {
+  ReleaseOwnedData();
+}
 
 void KelMsgStringType::ReleaseOwnedData() noexcept {
   if (m_ownsData) {
@@ -33,26 +35,33 @@ void KelMsgStringType::SetData(const char* data, int size) {
   m_size = size;
 }
 
-int KelMsgStringType::RequiredBufferSize() const { return m_size; }
+int KelMsgStringType::RequiredBufferSize() const {
+  return m_size;
+}
 
 void KelMsgStringType::Stream(void* buffer, int size) const {
   KELMSG_ASSERT(size >= RequiredBufferSize());
-  if (m_size > 0) std::memcpy(buffer, m_data, static_cast<std::size_t>(m_size));
+  if (m_size > 0)
+    std::memcpy(buffer, m_data, static_cast<std::size_t>(m_size));
 }
 
 void KelMsgStringType::Unstream(const void* buffer, int size) {
   KelMsgPayloadReader payload(buffer, size);
   const char* bytes = payload.ReadBytes(size);
-  if (payload.Failed()) return;
+  if (payload.Failed())
+    return;
   auto* copy = static_cast<char*>(mem_OperatorNewThrowBuiltin(static_cast<std::size_t>(size)));
-  if (size > 0) std::memcpy(copy, bytes, static_cast<std::size_t>(size));
+  if (size > 0)
+    std::memcpy(copy, bytes, static_cast<std::size_t>(size));
   ReleaseOwnedData();
   m_data = copy;
   m_size = size;
   m_ownsData = true;
 }
 
-KelMsgBBMessage* KelMsgStringType::Clone() const { return new KelMsgStringType(); }
+KelMsgBBMessage* KelMsgStringType::Clone() const {
+  return new KelMsgStringType();
+}
 
 void KelMsgStringType::Print(FILE* stream, const char* prefix) const {
   KelMsgBBMessage::Print(stream, prefix);
