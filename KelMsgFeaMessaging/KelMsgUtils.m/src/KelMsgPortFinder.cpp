@@ -1,5 +1,7 @@
 #include <KelMsgFeaMessaging/KelMsgPortFinder.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
@@ -11,7 +13,6 @@
 namespace {
 
 constexpr int kConnectorBacklog = 10;
-constexpr int kConnectorAddressFamily = 2;  // AF_INET
 constexpr int kNoPortReported = 65535;
 constexpr std::uint64_t kMaxProbes = 65536;
 
@@ -43,8 +44,7 @@ std::optional<std::pair<int, int>> ReadRange(const DovUnicodeString& item) {
 
 // The port the system lets a listening socket take for `candidate`, or 0.
 int ProbePort(int candidate) {
-  DovSocketConnector connector(static_cast<std::uint16_t>(candidate), kConnectorBacklog,
-                               kConnectorAddressFamily);
+  DovSocketConnector connector(static_cast<std::uint16_t>(candidate), kConnectorBacklog, AF_INET);
   if (connector.Declare(nullptr) != 0)
     return 0;
   const int port = connector.GetPort();
