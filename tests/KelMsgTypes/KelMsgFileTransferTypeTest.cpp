@@ -42,15 +42,6 @@ void FillNames(Data& record) {
   record.m_chunkId = -1;
 }
 
-TEST(KelMsgFileTransferTypeTest, CodesHaveTheirWireValues) {
-  EXPECT_EQ(Data::FILE_TRANSFER_SEND_REQUEST, 1);
-  EXPECT_EQ(Data::FILE_TRANSFER_NOTIFY, 2);
-  EXPECT_EQ(Data::FILE_TRANSFER_CHUNK, 3);
-  EXPECT_EQ(Data::FILE_TRANSFER_SEND_COMPLETION, 4);
-  EXPECT_EQ(Data::FILE_TRANSFER_ISEND_COMPLETION, 5);
-  EXPECT_EQ(Data::FILE_TRANSFER_RECEIVE_COMPLETION, 6);
-}
-
 TEST(KelMsgFileTransferTypeTest, DefaultMessageIsFortyFourZeroBytes) {
   const KelMsgFileTransferType msg;
   EXPECT_STREQ(msg.Type(), "KelMsgFileTransferType");
