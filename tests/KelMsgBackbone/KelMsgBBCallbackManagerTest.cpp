@@ -25,10 +25,11 @@ std::vector<char> Frame(const KelMsgBBMessage& msg) {
 }
 
 std::vector<char> Envelope(std::int32_t n, const std::string& rest) {
-  std::vector<char> buffer(4);
-  std::memcpy(buffer.data(), &n, 4);
-  buffer.insert(buffer.end(), rest.begin(), rest.end());
-  return buffer;
+  char count[4];
+  std::memcpy(count, &n, sizeof count);
+  std::string bytes(count, sizeof count);
+  bytes += rest;
+  return {bytes.begin(), bytes.end()};
 }
 
 class RegistryTest : public ::testing::Test {
@@ -87,9 +88,9 @@ TEST_F(RegistryTest, EnvelopeCarriesTheIdentifierBytesBeforeThePayload) {
   };
   for (const Case& c : cases) {
     KelMsgBBCallbackManager::SetMessageID(c.id);
+    const std::vector<char> buffer = Frame(msg);
     EXPECT_EQ(KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage(),
               static_cast<int>(c.expected.size()));
-    const std::vector<char> buffer = Frame(msg);
     EXPECT_EQ(std::string(buffer.begin(), buffer.end()), c.expected) << "id " << c.id;
     EXPECT_STREQ(KelMsgBBCallbackManager::TypeOfPendingMessage(), "ProbeMessage");
   }
