@@ -7,6 +7,10 @@ install(TARGETS KelMsgFeaMessaging KelBus
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
+if(TARGET kelmsg)
+  install(TARGETS kelmsg RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
 install(DIRECTORY KelMsgFeaMessaging/include/KelMsgFeaMessaging
                   KelMsgFeaMessaging/containers/include/KelMsgFeaMessaging
                   bus/include/KelMsgFeaMessaging

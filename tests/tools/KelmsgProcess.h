@@ -1,0 +1,59 @@
+// KelmsgProcess: the built kelmsg, run as a user runs it: a process of its
+// own with the test's environment (KELBUS_URL included), its standard output
+// and error captured apart.
+#ifndef KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
+#define KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "ScratchDirectory.h"
+
+using namespace std::chrono_literals;
+
+class KelmsgProcess {
+ public:
+  // Starts `kelmsg arguments...` in `workingDirectory` (empty: the test's).
+  explicit KelmsgProcess(const std::vector<std::string>& arguments,
+                         const std::string& workingDirectory = "");
+
+  // Waits until standard output holds `text`; false when the process ends
+  // first or `limit` passes.
+  bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s);
+  // The exit code, or nothing when the process still runs after `limit` or
+  // was ended by a signal.
+  std::optional<int> ExitCode(std::chrono::milliseconds limit = 30s);
+  void Signal(int signal) { m_process.Signal(signal); }
+  pid_t Pid() const { return m_process.Pid(); }
+
+  std::string Out() const;
+  std::string Err() const;
+
+ private:
+  ScratchDirectory m_files;  // before m_process: the child writes there
+  ChildProcess m_process;
+};
+
+struct KelmsgResult {
+  std::optional<int> status;  // exit code; nothing when it did not exit
+  std::string out;
+  std::string err;
+};
+
+// Runs kelmsg to its end, at most `limit`.
+KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
+                       const std::string& workingDirectory = "",
+                       std::chrono::milliseconds limit = 30s);
+
+// The number of lines of `text` (a last line without newline counts).
+int LineCount(const std::string& text);
+
+// The whole content of a file, "" when it cannot be read.
+std::string FileContent(const std::string& path);
+
+#endif  // KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_

@@ -1,0 +1,118 @@
+// bus: a private mosquitto on the first free port of a specification, with
+// the project's broker configuration, until interrupted.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+#include <KelMsgFeaMessaging/DovUnicodeString.h>
+#include <KelMsgFeaMessaging/KelMsgPortFinder.h>
+#include "PrivateBroker.h"
+
+#include "CommandFailure.h"
+#include "Commands.h"
+#include "StopSignals.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Ports taken by somebody else between the probe and the broker's start are
+// passed over; this many in a row mean something else is wrong.
+constexpr int kStartAttempts = 5;
+constexpr auto kPollInterval = std::chrono::milliseconds(100);
+constexpr auto kStopLimit = std::chrono::seconds(10);
+
+struct BusOptions {
+  std::string ports = "1883,20000-20999";
+  std::string address = "127.0.0.1";
+  std::string configuration;
+  std::string program = MosquittoProgram();
+};
+
+// Beside the program, as installed and as built: bin/kelmsg and
+// share/KelMsgFeaMessaging/kelbus-mosquitto.conf.
+std::string InstalledConfiguration() {
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  return (program.parent_path().parent_path() / "share" / "KelMsgFeaMessaging" /
+          "kelbus-mosquitto.conf")
+      .string();
+}
+
+// What the bus's clients put in KELBUS_URL.
+std::string Url(const std::string& address, int port) {
+  std::string host = address;
+  if (address == "0.0.0.0") {
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    host = name;
+  }
+  return "mqtt://" + host + ":" + std::to_string(port);
+}
+
+std::unique_ptr<PrivateBroker> StartBroker(const BusOptions& options,
+                                           const PrivateBroker::Settings& settings) {
+  if (KelMsgPortFinder(DovUnicodeString(options.ports.c_str())).GetPort() == 0) {
+    throw CommandFailure("no port in the specification \"" + options.ports + "\"");
+  }
+  KelMsgPortFinder finder{DovUnicodeString(options.ports.c_str())};
+  std::string lastError;
+  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+    const int port = finder.FindOpenPort();
+    if (port == 0) throw CommandFailure("no free port in " + options.ports);
+    auto broker = std::make_unique<PrivateBroker>(settings, port);
+    if (broker->Running()) return broker;
+    lastError = broker->Error();
+  }
+  throw CommandFailure(lastError);
+}
+
+void Bus(const BusOptions& options) {
+  PrivateBroker::Settings settings;
+  settings.program = options.program;
+  settings.configuration =
+      options.configuration.empty() ? InstalledConfiguration() : options.configuration;
+  settings.address = options.address;
+  if (access(settings.configuration.c_str(), R_OK) != 0) {
+    throw CommandFailure("cannot read the broker configuration " + settings.configuration);
+  }
+  StopSignals::Catch();
+  const std::unique_ptr<PrivateBroker> broker = StartBroker(options, settings);
+  // Standard error first: whoever has read the URL may count on this line.
+  std::fprintf(stderr, "kelmsg bus: mosquitto %d listens on %s port %d; Ctrl-C stops it\n",
+               broker->Pid(), options.address.c_str(), broker->Port());
+  std::printf("KELBUS_URL=%s\n", Url(options.address, broker->Port()).c_str());
+  std::fflush(stdout);
+
+  while (!StopSignals::Arrived() && !broker->Exited()) std::this_thread::sleep_for(kPollInterval);
+  if (!StopSignals::Arrived()) throw CommandFailure(broker->Error());
+  if (!broker->Stop(kStopLimit)) throw CommandFailure("the broker did not stop cleanly");
+  std::fprintf(stderr, "kelmsg bus: stopped\n");
+}
+
+}  // namespace
+
+void AddBusCommand(CLI::App& app) {
+  auto options = std::make_shared<BusOptions>();
+  CLI::App* command = app.add_subcommand(
+      "bus", "start a private broker on a free port, print its KELBUS_URL and run until "
+             "interrupted");
+  command->add_option("--ports", options->ports, "ports and ranges to try, in order")
+      ->capture_default_str();
+  command->add_option("--address", options->address,
+                      "address to listen on; 0.0.0.0 for every interface")
+      ->check(CLI::ValidIPV4)
+      ->capture_default_str();
+  command->add_option("--config", options->configuration,
+                      "broker configuration (default: the installed kelbus-mosquitto.conf)");
+  command->add_option("--mosquitto", options->program, "the broker program")
+      ->capture_default_str();
+  command->callback([options] { Bus(*options); });
+}
