@@ -1,0 +1,124 @@
+// KelMsgFileTransfer: the engine that moves files between applications on
+// the bus, in numbered chunks of at most 65,536 bytes.
+//
+// A file moves in one of three ways:
+//   SendFile     push, blocking: announcement, chunks, send completion, then
+//                wait in the bus's loop for the receiver's acknowledgement;
+//   ISendFile    push, immediate: announcement, chunks, immediate-send
+//                completion; no wait;
+//   ReceiveFile  pull, blocking: open the target, ask the holder to send,
+//                wait for its immediate-send completion.
+// Every transfer is described by eight names, always in this order: source
+// application, source base directory, source job directory, source file
+// name, target application, target base directory, target job directory,
+// target file name.  Each side forms the path of its own file with
+// KelMsgPathExplorer::FormPath from its own three names.
+//
+// Identity: the receiver files an incoming transfer under the source
+// application named by the announcement (or given to ReceiveFile), but knows
+// chunks and completions by the message identifier of their envelope.  A
+// process that sends files therefore sets its message identifier
+// (KelMsgBBCallbackManager::SetMessageID) to its own application identifier.
+//
+// Incoming file-transfer messages reach the engine through a
+// KelMsgFileTransferHandler adopted for "KelMsgFileTransferType".  The engine
+// must outlive that handler.  It is not thread-safe: everything runs on the
+// thread that drives the bus, and its handlers re-enter it from inside the
+// waits of SendFile and ReceiveFile.
+//
+// Trace: nothing at level 0; from level 1 one group of lines per transfer
+// step (and, receiving, one per accepted chunk); from level 4 also every file
+// operation and every chunk.  Lines go to the given stream, or to standard
+// error when none is given and the level is 1 or more.
+//
+// What another process sends is never trusted: a second announcement (or
+// pull) for a source that already has a file open, a completion for a source
+// without one, and a chunk out of sequence are reported and abandoned; the
+// process goes on.  After a chunk out of sequence, every further chunk of
+// that source is dropped until its completion, which still closes the file.
+//
+// Every operation returns 0.
+#ifndef KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
+#define KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
+
+#include <cstdio>
+
+#include <KelMsgFeaMessaging/KelBasTreeGeneric.h>
+
+class KelMsgFileTransferType;
+
+class KelMsgFileTransfer {
+ public:
+  // `traceStream` is not owned and never closed; null with a level of 1 or
+  // more means standard error.
+  KelMsgFileTransfer(int communicatorId, FILE* traceStream, int traceLevel);
+  // Closes the descriptors of transfers still open, so nothing leaks.
+  ~KelMsgFileTransfer();
+  KelMsgFileTransfer(const KelMsgFileTransfer&) = delete;
+  KelMsgFileTransfer& operator=(const KelMsgFileTransfer&) = delete;
+
+  int SetCommunicatorId(int communicatorId);
+
+  // For applications.
+  int SendFile(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
+               const char* sourceFileName, const char* targetApplication,
+               const char* targetBaseDir, const char* targetJobDir, const char* targetFileName);
+  int ISendFile(const char* sourceApplication, const char* sourceBaseDir,
+                const char* sourceJobDir, const char* sourceFileName,
+                const char* targetApplication, const char* targetBaseDir,
+                const char* targetJobDir, const char* targetFileName);
+  // `targetApplication` must be this process's own application identifier:
+  // the holder sends the chunks there.
+  int ReceiveFile(const char* sourceApplication, const char* sourceBaseDir,
+                  const char* sourceJobDir, const char* sourceFileName,
+                  const char* targetApplication, const char* targetBaseDir,
+                  const char* targetJobDir, const char* targetFileName);
+
+  // Sending side, called by the handler and by the operations above.
+  int Send(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
+           const char* sourceFileName, const char* targetApplication, const char* targetBaseDir,
+           const char* targetJobDir, const char* targetFileName);
+  int SendNotifyAndContent(const char* sourceApplication, const char* sourceBaseDir,
+                           const char* sourceJobDir, const char* sourceFileName,
+                           const char* targetApplication, const char* targetBaseDir,
+                           const char* targetJobDir, const char* targetFileName);
+  int SendSendCompletion(const char* sourceApplication, const char* targetApplication);
+  int SendISendCompletion(const char* application);
+  int SendReceiveCompletion(const char* application);
+  int ReceiveReceiveCompletion();
+  int ReadChunk();
+  int SendChunk(const char* targetApplication);
+  int OpenFile(const char* applicationId, const char* fileName, bool isSender);
+  int CloseFile(int fileId);
+
+  // Receiving side, called by the handler and by ReceiveFile.
+  int Receive(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
+              const char* sourceFileName, const char* targetApplication,
+              const char* targetBaseDir, const char* targetJobDir, const char* targetFileName);
+  // `data` holds `chunkSize` bytes and lives only during the call.
+  int ReceiveChunk(const char* sourceApplication, int chunkId, int chunkSize, const void* data);
+  int WriteChunk(const char* sourceApplication, int chunkSize, const void* data);
+  int ReceiveSendCompletion(const char* sourceApplication);
+  int ReceiveISendCompletion(const char* sourceApplication);
+
+ private:
+  using FileMap = KelBasTreeGeneric<int>;
+
+  void Trace(int level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+  void TraceUnflushed(int level, const char* format, ...) const
+      __attribute__((format(printf, 3, 4)));
+  bool Traces(int level) const { return m_traceLevel >= level && m_traceStream != nullptr; }
+  void SendControl(const char* application, int dataType, const char* sourceApplication);
+
+  int m_communicatorId;
+  int m_fileId;
+  FileMap m_receiveFileMap;
+  int m_maxChunkSize;
+  KelMsgFileTransferType* m_contentMsg;
+  FileMap m_receiveFileChunkIdMap;
+  int m_endingCondition;
+  FILE* m_traceStream;
+  int m_traceLevel;
+};
+
+#endif  // KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_

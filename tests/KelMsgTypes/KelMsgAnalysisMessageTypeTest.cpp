@@ -1,0 +1,128 @@
+#include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
+
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "FatalErrorCapture.h"
+#include "PayloadTestSupport.h"
+
+namespace {
+
+constexpr char kAnalysisPath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgAnalysisMessageType";
+
+const KelMsgAnalysisMessageType& AsAnalysis(const KelMsgBBMessage& msg) {
+  return dynamic_cast<const KelMsgAnalysisMessageType&>(msg);
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, StreamsTheCountThenTheDocument) {
+  const KelMsgAnalysisMessageType msg(KelString("<Step n=1/>"));
+  EXPECT_STREQ(msg.Type(), "KelMsgAnalysisMessageType");
+  EXPECT_EQ(msg.RequiredBufferSize(), 15);
+  EXPECT_EQ(StreamToBytes(msg),
+            Hex({0x0B, 0, 0, 0, '<', 'S', 't', 'e', 'p', ' ', 'n', '=', '1', '/', '>'}));
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, NonAsciiDocumentsCountBytesAndRoundTrip) {
+  const KelString document("<Last>\xE2\x82\xAC 12 \xC3\xA9t\xC3\xA9</Last>");  // € 12 été
+  const KelMsgAnalysisMessageType sent(document);
+  const Bytes payload = StreamToBytes(sent);
+  EXPECT_EQ(payload.size(), 4U + 25U);
+  EXPECT_EQ(payload[0], 25);
+
+  KelMsgAnalysisMessageType received;
+  ASSERT_FALSE(UnstreamIsRefused(received, payload));
+  EXPECT_TRUE(received.GetXmlBuffer() == document);
+  EXPECT_EQ(StreamToBytes(received), payload);
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, UnstreamReplacesTheDocumentAndStopsAtANul) {
+  KelMsgAnalysisMessageType msg(KelString("<Old/>"));
+  ASSERT_FALSE(
+      UnstreamIsRefused(msg, PayloadBuilder().Counted(std::string("<A/>\0<B/>", 9)).Get()));
+  EXPECT_STREQ(msg.GetXmlBuffer().GetUTF8(), "<A/>");
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, CloneCarriesTheDocument) {
+  KelMsgAnalysisMessageType received;
+  ASSERT_FALSE(
+      UnstreamIsRefused(received, PayloadBuilder().Counted("<Progress>42</Progress>").Get()));
+  const std::unique_ptr<KelMsgBBMessage> clone(received.Clone());
+  EXPECT_STREQ(clone->Type(), "KelMsgAnalysisMessageType");
+  EXPECT_STREQ(AsAnalysis(*clone).GetXmlBuffer().GetUTF8(), "<Progress>42</Progress>");
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, PrintPutsThePrefixAfterTheWordsAndFlushes) {
+  const KelMsgAnalysisMessageType msg(KelString("<Done/>"));
+  struct Case {
+    const char* prefix;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {nullptr, "Analysis Message PrefixDefaultPfix\n<Done/>\n"},
+      {"", "Analysis Message Prefix\n<Done/>\n"},
+      {"[mon]", "Analysis Message Prefix[mon]\n<Done/>\n"},
+  };
+  for (const Case& c : cases) {
+    MemoryStream out;
+    msg.Print(out.Get(), c.prefix);
+    EXPECT_EQ(out.Flushed(), c.expected);
+  }
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, RootNameOfTheDocument) {
+  const KelMsgAnalysisMessageType reader;
+  const KelString document(
+      "<?xml version=\"1.0\"?><!-- kind --><Progress step=\"3\"><x/></Progress>");
+  EXPECT_STREQ(KelMsgAnalysisMessageType::GetRootElemNameFromXml(document).GetUTF8(), "Progress");
+  EXPECT_STREQ(reader.GetTypeFromXmlBuffer(document).GetUTF8(), "Progress");
+
+  const KelString wide(
+      "<Gr\xC3\xB6\xC3\x9F"
+      "e\xE2\x82\xAC>1</Gr\xC3\xB6\xC3\x9F"
+      "e\xE2\x82\xAC>");
+  EXPECT_STREQ(KelMsgAnalysisMessageType::GetRootElemNameFromXml(wide).GetUTF8(),
+               "Gr\xC3\xB6\xC3\x9F"
+               "e\xE2\x82\xAC");
+  EXPECT_STREQ(reader.GetTypeFromXmlBuffer(wide).GetUTF8(),
+               "Gr\xC3\xB6\xC3\x9F"
+               "e\xE2\x82\xAC");
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, RootNameOfARefusedDocumentIsReportedAndEmpty) {
+  const KelMsgAnalysisMessageType reader;
+  for (const char* text : {"<Open>", "", "<A/><B/>", "plain text"}) {
+    FatalErrorCapture capture;
+    EXPECT_STREQ(KelMsgAnalysisMessageType::GetRootElemNameFromXml(KelString(text)).GetUTF8(), "");
+    EXPECT_STREQ(reader.GetTypeFromXmlBuffer(KelString(text)).GetUTF8(), "");
+    ASSERT_EQ(capture.Reports().size(), 2U) << text;
+    for (const FatalErrorReport& report : capture.Reports()) {
+      EXPECT_EQ(report.message, "AssertionFailed:hr == S_OK");
+      EXPECT_EQ(report.path, kAnalysisPath);
+    }
+  }
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, EmptyReceivedDocumentIsTaken) {
+  KelMsgAnalysisMessageType received(KelString("<Old/>"));
+  ASSERT_FALSE(UnstreamIsRefused(received, Hex({0, 0, 0, 0})));
+  EXPECT_STREQ(received.GetXmlBuffer().GetUTF8(), "");
+}
+
+TEST(KelMsgAnalysisMessageTypeDeathTest, CallerContracts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(KelMsgAnalysisMessageType(KelString("")),
+               "AssertionFailed:xmlBuffer.GetLengthInByte\\(\\) > 0");
+  const KelMsgAnalysisMessageType empty;
+  EXPECT_DEATH(empty.RequiredBufferSize(), "AssertionFailed:m_msgBuffer.GetLengthInByte\\(\\) > 0");
+  KelMsgAnalysisMessageType received(KelString("<Old/>"));
+  ASSERT_FALSE(UnstreamIsRefused(received, Hex({0, 0, 0, 0})));
+  char buffer[16];
+  EXPECT_DEATH(received.Stream(buffer, 16),
+               "AssertionFailed:m_msgBuffer.GetLengthInByte\\(\\) > 0");
+  const KelMsgAnalysisMessageType msg(KelString("<Done/>"));
+  EXPECT_DEATH(msg.Stream(buffer, 10), "AssertionFailed:size >= RequiredBufferSize\\(\\)");
+}
+
+}  // namespace
