@@ -175,7 +175,7 @@ int WaitingLoop(int communicatorId, int timeout, int* watched) {
   return kelbus::RunWaitingLoop(communicatorId, timeout, watched);
 }
 
-int KelBusCloseCommunicator(int communicatorId) {
+int CloseCommunicator(int communicatorId) {
   kelbus::ClearLastError();
   BusState& bus = BusState::Current();
   const auto communicator = bus.Remove(communicatorId);

@@ -186,13 +186,18 @@ void MqttLink::Close(bool withWill) {
     std::lock_guard lock(m_mutex);
     if (m_state == State::kClosed)
       return;
-    if (m_state == State::kUp) {
+    const bool up = m_state == State::kUp;
+    if (up) {
       // Set before m_stopping, so that the thread writes the DISCONNECT out.
       m_stopDeadline = Clock::now() + kGoodbyeLimit;
       m_sayingGoodbye = true;
+    }
+    // Set before the DISCONNECT is queued, so that the thread does not take
+    // the closed socket for a broken connection.
+    m_stopping = true;
+    if (up) {
       mosquitto_disconnect_v5(m_mosq, withWill ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : 0, nullptr);
     }
-    m_stopping = true;
   }
   m_changed.notify_all();
   if (m_thread.joinable())

@@ -137,6 +137,11 @@ std::string TestBroker::Log() const {
   return text.str();
 }
 
+void TestBroker::Signal(int signal) {
+  if (m_process)
+    m_process->Signal(signal);
+}
+
 void TestBroker::Kill() {
   if (m_process)
     m_process->Kill();

@@ -34,6 +34,8 @@ class TestBroker {
   // What the broker wrote (errors and warnings).
   std::string Log() const;
 
+  // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it).
+  void Signal(int signal);
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill();
   // Starts it again on the same port; false if that fails.

@@ -239,7 +239,7 @@ int WaitingLoop(int communicatorId, int timeout, int* watched);
 // dispatched.  The identifier becomes invalid.  A callback may close its own
 // communicator; the waiting loop then ends with KELBUS_ERR_BAD_ID.
 // Results: KELBUS_OK, KELBUS_ERR_BAD_ID.
-int KelBusCloseCommunicator(int communicatorId);
+int CloseCommunicator(int communicatorId);
 
 // Text describing the last failure of a bus call on the calling thread ("" if
 // there was none).  Valid until the thread's next bus call.
