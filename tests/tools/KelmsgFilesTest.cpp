@@ -76,7 +76,7 @@ TEST_P(KelmsgRoundTrip, PushAndPullGiveIdenticalFiles) {
 
   // The server traced both transfers at level 1.
   EXPECT_TRUE(server->WaitForOutput("Receive from application client to application files\n"));
-  EXPECT_TRUE(server->WaitForOutput("::Send from application client\n"));
+  EXPECT_TRUE(server->WaitForOutput("::Send from application files\n"));
   EXPECT_TRUE(server->WaitForOutput("::SendISendCompletion Application=client \n"));
 }
 

@@ -38,6 +38,8 @@ struct Delivery {
   std::vector<std::string> printed;
 };
 
+void PrintTo(const Delivery& delivery, std::ostream* out) { *out << delivery.name; }
+
 class KelmsgDelivery : public KelmsgOnBus, public testing::WithParamInterface<Delivery> {};
 
 TEST_P(KelmsgDelivery, ListenPrintsWhatSendSent) {

@@ -105,14 +105,18 @@ void AddBusCommand(CLI::App& app) {
       "bus", "start a private broker on a free port, print its KELBUS_URL and run until "
              "interrupted");
   command->add_option("--ports", options->ports, "ports and ranges to try, in order")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("SPEC");
   command->add_option("--address", options->address,
                       "address to listen on; 0.0.0.0 for every interface")
       ->check(CLI::ValidIPV4)
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("ADDRESS");
   command->add_option("--config", options->configuration,
-                      "broker configuration (default: the installed kelbus-mosquitto.conf)");
+                      "broker configuration (default: the installed kelbus-mosquitto.conf)")
+      ->type_name("FILE");
   command->add_option("--mosquitto", options->program, "the broker program")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("PROGRAM");
   command->callback([options] { Bus(*options); });
 }

@@ -113,15 +113,14 @@ std::string NoAnswer(const char* command, const TransferOptions& options) {
 // Moves one file with an engine whose chunks feed `progress` and keep
 // `idle` from firing; `transfer` makes the engine's call.
 template <typename Transfer>
-void RunTransfer(const Session& session, TransferProgress& progress, const IdleTimeout& idle,
+void RunTransfer(Session& session, TransferProgress& progress, const IdleTimeout& idle,
                  Transfer transfer) {
   ChunkTap tap([&](int bytes) {
     progress.Add(bytes);
     idle.Restart();
   });
   KelMsgFileTransfer engine(session.Communicator(), tap.Stream(), ChunkTap::kTraceLevel);
-  const_cast<Session&>(session).Handle(new KelMsgFileTransferType,
-                                       new KelMsgFileTransferHandler(&engine));
+  session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&engine));
   transfer(engine);
   progress.Finish();
 }
@@ -163,23 +162,32 @@ void Pull(const TransferOptions& options) {
 CLI::App* AddTransferCommand(CLI::App& app, const char* name, const char* description,
                              const std::shared_ptr<TransferOptions>& options) {
   CLI::App* command = app.add_subcommand(name, description);
-  command->add_option("APP", options->server, "the server's application name")->required();
+  command->add_option("APP", options->server, "the server's application name")
+      ->required()
+      ->type_name("NAME");
   command->add_option("SOURCE", options->source, "file to send, in its side's job directory")
-      ->required();
+      ->required()
+      ->type_name("FILE");
   command->add_option("TARGET", options->target, "file to write, in its side's job directory")
-      ->required();
+      ->required()
+      ->type_name("FILE");
   AddApplicationNameOption(*command, options->application);
   command->add_option("--base", options->baseDir, "this side's base directory")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("DIR");
   command->add_option("--job", options->jobDir,
-                      "this side's job directory, relative to --base unless absolute");
+                      "this side's job directory, relative to --base unless absolute")
+      ->type_name("DIR");
   command->add_option("--server-base", options->serverBaseDir,
-                      "the server's base directory (default: its current directory)");
-  command->add_option("--server-job", options->serverJobDir, "the server's job directory");
+                      "the server's base directory (default: its current directory)")
+      ->type_name("DIR");
+  command->add_option("--server-job", options->serverJobDir, "the server's job directory")
+      ->type_name("DIR");
   command->add_option("--timeout", options->timeoutSeconds,
                       "give up when nothing moves for this many seconds; 0 waits for ever")
       ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("SECONDS");
   return command;
 }
 
@@ -191,9 +199,11 @@ void AddFileCommands(CLI::App& app) {
       "serve", "join the bus as APP, take pushed files and answer pulls until interrupted or "
                "sent a kill");
   serveCommand->add_option("APP", serve->application, "application name to serve as")
-      ->required();
+      ->required()
+      ->type_name("NAME");
   serveCommand->add_option("--dir", serve->directory,
-                           "directory that relative names are read against (default: current)");
+                           "directory that relative names are read against (default: current)")
+      ->type_name("DIR");
   serveCommand->callback([serve] { Serve(*serve); });
 
   auto push = std::make_shared<TransferOptions>();

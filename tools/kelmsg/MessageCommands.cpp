@@ -112,21 +112,28 @@ void AddMessageCommands(CLI::App& app) {
   CLI::App* listenCommand = app.add_subcommand(
       "listen", "join the bus as APP and print every message it receives, until interrupted");
   listenCommand->add_option("APP", listen->application, "application name to join as")
-      ->required();
+      ->required()
+      ->type_name("NAME");
   listenCommand->add_option("--count", listen->count, "leave after this many messages")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::PositiveNumber)
+      ->type_name("N");
   listenCommand->callback([listen] { Listen(*listen); });
 
   auto send = std::make_shared<SendOptions>();
   CLI::App* sendCommand = app.add_subcommand("send", "send one message to APP and leave");
-  sendCommand->add_option("APP", send->target, "application to send to")->required();
+  sendCommand->add_option("APP", send->target, "application to send to")
+      ->required()
+      ->type_name("NAME");
   AddApplicationNameOption(*sendCommand, send->application);
   CLI::Option_group* message = sendCommand->add_option_group("message", "what to send");
   send->textOption = message->add_option("--text", send->text, "raw text (KelMsgStringType)");
-  send->xmlOption = message->add_option("--xml", send->xmlFile,
-                                        "an XML document from FILE (KelMsgAnalysisMessageType)");
+  send->xmlOption = message
+                        ->add_option("--xml", send->xmlFile,
+                                     "an XML document from FILE (KelMsgAnalysisMessageType)")
+                        ->type_name("FILE");
   message->add_option("--kill", send->kill, "a kill request (KelMsgProcessControlType)")
-      ->check(CLI::IsMember({"soft", "hard"}));
+      ->check(CLI::IsMember({"soft", "hard"}))
+      ->type_name("soft|hard");
   message->require_option(1);
   sendCommand->callback([send] { Send(*send); });
 }

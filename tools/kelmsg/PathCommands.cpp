@@ -64,10 +64,13 @@ void AddStampCommand(CLI::App& app, const char* name, const char* description,
                      void (*action)(const StampOptions&)) {
   auto options = std::make_shared<StampOptions>();
   CLI::App* command = app.add_subcommand(name, description);
-  command->add_option("BASE", options->base, "base directory")->required();
+  command->add_option("BASE", options->base, "base directory")->required()->type_name("DIR");
   command->add_option("JOB", options->job, "job directory, relative to BASE unless absolute")
-      ->required();
-  command->add_option("NAME", options->name, "stamp name; the file is NAME.stamp")->required();
+      ->required()
+      ->type_name("DIR");
+  command->add_option("NAME", options->name, "stamp name; the file is NAME.stamp")
+      ->required()
+      ->type_name("NAME");
   command->callback([options, action] { action(*options); });
 }
 
@@ -77,7 +80,9 @@ void AddPathCommands(CLI::App& app) {
   auto spec = std::make_shared<std::string>();
   CLI::App* findPort = app.add_subcommand(
       "find-port", "print the first port of SPEC that is free on this machine");
-  findPort->add_option("SPEC", *spec, "ports and ranges, for example 5000,6000-6010")->required();
+  findPort->add_option("SPEC", *spec, "ports and ranges, for example 5000,6000-6010")
+      ->required()
+      ->type_name("SPEC");
   findPort->callback([spec] { FindPort(*spec); });
 
   AddStampCommand(app, "stamp", "create the stamp file BASE/JOB/NAME.stamp and print its path",

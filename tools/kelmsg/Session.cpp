@@ -34,14 +34,14 @@ Session::Session(const std::string& application) : m_application(application) {
     const std::string reason = declared == KELBUS_ERR_NAME_HELD
                                    ? application + " is already on the bus"
                                    : "cannot join the bus as " + application + ": " + LastBusError();
-    KelBusCloseCommunicator(m_communicator);
+    CloseCommunicator(m_communicator);
     throw CommandFailure(reason);
   }
   KelMsgBBCallbackManager::SetMessageID(application.c_str());
   KelMsgBBAPI::EnableReceiveHandling(m_communicator, application.c_str());
 }
 
-Session::~Session() { KelBusCloseCommunicator(m_communicator); }
+Session::~Session() { CloseCommunicator(m_communicator); }
 
 void Session::Handle(KelMsgBBMessage* prototype, KelMsgBBMessageHandler* handler) {
   KelMsgBBCallbackManager::AdoptPrototypeAndHandler(prototype, handler);

@@ -52,11 +52,14 @@ void AddWatchCommand(CLI::App& app) {
   auto options = std::make_shared<WatchOptions>();
   CLI::App* command =
       app.add_subcommand("watch", "wait until APP leaves the bus, and say so (status 0)");
-  command->add_option("APP", options->watched, "application to watch")->required();
+  command->add_option("APP", options->watched, "application to watch")
+      ->required()
+      ->type_name("NAME");
   AddApplicationNameOption(*command, options->application);
   command->add_option("--timeout", options->timeoutSeconds,
                       "give up after this many seconds (status 1); 0 waits for ever")
       ->check(CLI::NonNegativeNumber)
-      ->capture_default_str();
+      ->capture_default_str()
+      ->type_name("SECONDS");
   command->callback([options] { Watch(*options); });
 }

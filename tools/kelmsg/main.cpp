@@ -29,7 +29,9 @@ std::string ChosenCommand(const CLI::App& app) {
 
 void AddApplicationNameOption(CLI::App& command, std::string& name) {
   name = DefaultApplicationName(command.get_name());
-  command.add_option("--as", name, "application name to join the bus as")->capture_default_str();
+  command.add_option("--as", name, "application name to join the bus as (default: kelmsg-" +
+                                       command.get_name() + "-<process id>)")
+      ->type_name("NAME");
 }
 
 int main(int argc, char** argv) {

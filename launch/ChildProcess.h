@@ -1,7 +1,7 @@
-// A child process for tests and benchmarks: a function run in a fork, or a
-// program.  The object owns the child: its destructor kills (SIGKILL) and
-// reaps a child that is still running, so a failing test leaves nothing
-// behind.
+// A child process for kelmsg, the tests and the benchmarks: a function run
+// in a fork, or a program.  The object owns the child: its destructor kills
+// (SIGKILL) and reaps a child that is still running, so a failing test leaves
+// nothing behind.
 //
 //   ChildProcess child = ChildProcess::Fork([] { return DoWork() ? 0 : 1; });
 //   std::optional<int> code = child.ExitCode(std::chrono::seconds(10));
@@ -9,8 +9,8 @@
 // A forked child ends with _exit(function's result) after flushing stdio:
 // static destructors and atexit handlers do not run, as if it had died.  A
 // child that should end normally calls exit() itself.
-#ifndef KELMSG_TESTS_SUPPORT_CHILDPROCESS_H_
-#define KELMSG_TESTS_SUPPORT_CHILDPROCESS_H_
+#ifndef KELMSG_LAUNCH_CHILDPROCESS_H_
+#define KELMSG_LAUNCH_CHILDPROCESS_H_
 
 #include <sys/types.h>
 
@@ -51,4 +51,4 @@ class ChildProcess {
   std::optional<int> m_status;
 };
 
-#endif  // KELMSG_TESTS_SUPPORT_CHILDPROCESS_H_
+#endif  // KELMSG_LAUNCH_CHILDPROCESS_H_
