@@ -11,10 +11,17 @@ std::string Escaped(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -39,7 +46,8 @@ std::string AttributeOf(const Attributes& attributes, const char* name) {
 void DocumentHandler::HandleMessage(const KelMsgBBMessage& msg, const char* /*id*/) {
   const auto& analysis = static_cast<const KelMsgAnalysisMessageType&>(msg);
   KelBasXmlDocument document;
-  if (document.ReadString(analysis.GetXmlBuffer()) != S_OK) return;  // not ours to judge
+  if (document.ReadString(analysis.GetXmlBuffer()) != S_OK)
+    return;  // not ours to judge
   const KelBasXmlNode root = document.GetRootElement();
   m_receiver(root.GetTagName().GetUTF8(), root.GetAttributes());
 }

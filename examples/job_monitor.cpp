@@ -92,11 +92,14 @@ int main(int argc, char** argv) {
   bus.Handle(new KelMsgAnalysisMessageType,
              new DocumentHandler([&](const std::string& kind, const Attributes& attributes) {
                if (kind == "Progress") {
-                 std::printf("monitor: solver at %s %%\n", AttributeOf(attributes, "percent").c_str());
+                 std::printf("monitor: solver at %s %%\n",
+                             AttributeOf(attributes, "percent").c_str());
                  return;
                }
-               if (kind == "SolverReady") reports.shared = AttributeOf(attributes, "shared") == "yes";
-               if (kind == "Finished") reports.result = AttributeOf(attributes, "result");
+               if (kind == "SolverReady")
+                 reports.shared = AttributeOf(attributes, "shared") == "yes";
+               if (kind == "Finished")
+                 reports.result = AttributeOf(attributes, "result");
                reports.arrived = 0;
              }));
   KelMsgSimpleDisconnectHandler departures;
@@ -106,17 +109,21 @@ int main(int argc, char** argv) {
 
   KelMsgPathExplorer::StampPath(base.c_str(), kJob, "monitor");
   const pid_t solver = StartSolver(argv[1], solverBase);
-  if (!bus.WaitFor(reports.arrived, 30)) return Fail("the solver did not report in");
+  if (!bus.WaitFor(reports.arrived, 30))
+    return Fail("the solver did not report in");
   KelMsgPathExplorer::RemoveStampFile(base.c_str(), kJob, "monitor");
   std::printf("monitor: the solver sees the job directory through %s: %s\n", solverBase.c_str(),
               reports.shared ? "yes" : "no");
-  if (!reports.shared) return Fail("no shared job directory");
+  if (!reports.shared)
+    return Fail("no shared job directory");
 
   files.SendFile("monitor", base.c_str(), kJob, "model.inp", kSolver, solverBase.c_str(), kJob,
                  "solver-input.inp");
   std::printf("monitor: input deck pushed and acknowledged\n");
-  bus.Send(kSolver, KelMsgAnalysisMessageType(MakeDocument("Run", {{"deck", "solver-input.inp"}}).c_str()));
-  if (!bus.WaitFor(reports.arrived, 60)) return Fail("the solver did not finish");
+  bus.Send(kSolver,
+           KelMsgAnalysisMessageType(MakeDocument("Run", {{"deck", "solver-input.inp"}}).c_str()));
+  if (!bus.WaitFor(reports.arrived, 60))
+    return Fail("the solver did not finish");
 
   files.ReceiveFile(kSolver, solverBase.c_str(), kJob, reports.result.c_str(), "monitor",
                     base.c_str(), kJob, "model.res.pulled");
@@ -124,10 +131,12 @@ int main(int argc, char** argv) {
       ReadFile(base / kJob / reports.result) == ReadFile(base / kJob / "model.res.pulled");
   std::printf("monitor: result pulled back, identical byte for byte: %s\n",
               identical ? "yes" : "no");
-  if (!identical) return Fail("the pulled result differs");
+  if (!identical)
+    return Fail("the pulled result differs");
 
   bus.Send(kSolver, *KelMsgProcessControlTypeFactory::CreateSoftKillMsg());
-  if (!bus.WaitFor(departures.EndingCondition(), 30)) return Fail("the solver did not leave");
+  if (!bus.WaitFor(departures.EndingCondition(), 30))
+    return Fail("the solver did not leave");
   std::printf("monitor: the solver has left the bus; job done\n");
   int status = 0;
   waitpid(solver, &status, 0);

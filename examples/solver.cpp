@@ -35,7 +35,8 @@ class KillHandler : public KelMsgBBMessageHandler {
     const auto& control = static_cast<const KelMsgProcessControlType&>(msg);
     const std::string value = control.GetVal("Kill").GetUTF8();
     std::printf("solver:  %s from %s\n", value.c_str(), id);
-    if (value == "HARD_KILL") std::_Exit(1);
+    if (value == "HARD_KILL")
+      std::_Exit(1);
     *m_killed = 0;
   }
 
@@ -62,7 +63,8 @@ std::string Solve(const std::string& deck, const SuiteProcess& bus) {
     bus.Send(kMonitor, progress);
   }
   for (int n = 1; std::getline(lines, line); ++n) {
-    result += "element " + std::to_string(n) + ": stress " + std::to_string(line.size() * 1.5) + "\n";
+    result +=
+        "element " + std::to_string(n) + ": stress " + std::to_string(line.size() * 1.5) + "\n";
   }
   return result;
 }
@@ -86,7 +88,8 @@ int main(int argc, char** argv) {
   std::string deckName;
   bus.Handle(new KelMsgAnalysisMessageType,
              new DocumentHandler([&](const std::string& kind, const Attributes& attributes) {
-               if (kind != "Run") return;
+               if (kind != "Run")
+                 return;
                deckName = AttributeOf(attributes, "deck");
                runRequested = 0;
              }));
@@ -97,18 +100,20 @@ int main(int argc, char** argv) {
   bus.Send(kMonitor, KelMsgAnalysisMessageType(
                          MakeDocument("SolverReady", {{"shared", shared ? "yes" : "no"}}).c_str()));
 
-  if (!bus.WaitFor(runRequested, 30)) return 1;
+  if (!bus.WaitFor(runRequested, 30))
+    return 1;
   const std::string deckPath = KelMsgPathExplorer::FormPath(base, job, deckName.c_str()).GetUTF8();
   std::printf("solver:  running %s\n", deckPath.c_str());
   const std::string result = Solve(ReadFile(deckPath), bus);
   const std::string resultPath = KelMsgPathExplorer::FormPath(base, job, "model.res").GetUTF8();
   std::ofstream(resultPath, std::ios::binary) << result;
-  bus.Send(kMonitor, KelMsgAnalysisMessageType(
-                         MakeDocument("Finished", {{"result", "model.res"}}).c_str()));
+  bus.Send(kMonitor,
+           KelMsgAnalysisMessageType(MakeDocument("Finished", {{"result", "model.res"}}).c_str()));
 
   // The monitor's pull of the result is served by the file-transfer handler
   // while the solver waits here for its kill.
-  if (!bus.WaitFor(killed, 60)) return 1;
+  if (!bus.WaitFor(killed, 60))
+    return 1;
   std::printf("solver:  leaving the bus\n");
   return 0;
 }

@@ -27,9 +27,11 @@ bool AcceptsConnections(const std::string& address, int port) {
   peer.sin_family = AF_INET;
   peer.sin_port = htons(static_cast<std::uint16_t>(port));
   const char* reachable = address == "0.0.0.0" ? "127.0.0.1" : address.c_str();
-  if (inet_pton(AF_INET, reachable, &peer.sin_addr) != 1) return false;
+  if (inet_pton(AF_INET, reachable, &peer.sin_addr) != 1)
+    return false;
   const int client = socket(AF_INET, SOCK_STREAM, 0);
-  const bool connected = connect(client, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
+  const bool connected =
+      connect(client, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
   close(client);
   return connected;
 }
@@ -37,9 +39,11 @@ bool AcceptsConnections(const std::string& address, int port) {
 // The last line that says something: mosquitto's reason for giving up.
 std::string LastLine(const std::string& text) {
   const std::size_t end = text.find_last_not_of("\n");
-  if (end == std::string::npos) return "";
+  if (end == std::string::npos)
+    return "";
   const std::size_t start = text.rfind('\n', end);
-  return text.substr(start == std::string::npos ? 0 : start + 1, end - (start == std::string::npos ? 0 : start + 1) + 1);
+  return text.substr(start == std::string::npos ? 0 : start + 1,
+                     end - (start == std::string::npos ? 0 : start + 1) + 1);
 }
 
 std::string MakePrivateDirectory() {
@@ -55,7 +59,8 @@ std::string MosquittoProgram() {
     std::string directory;
     while (std::getline(directories, directory, ':')) {
       const fs::path candidate = fs::path(directory) / "mosquitto";
-      if (access(candidate.c_str(), X_OK) == 0) return candidate;
+      if (access(candidate.c_str(), X_OK) == 0)
+        return candidate;
     }
   }
   return "/usr/sbin/mosquitto";
@@ -79,7 +84,8 @@ PrivateBroker::~PrivateBroker() {
 }
 
 bool PrivateBroker::Exited() {
-  if (!m_process || m_process->Running()) return false;
+  if (!m_process || m_process->Running())
+    return false;
   m_error = "mosquitto ended on its own: " + LastLine(Log());
   return true;
 }
@@ -92,7 +98,8 @@ std::string PrivateBroker::Log() const {
 }
 
 bool PrivateBroker::Stop(std::chrono::milliseconds limit) {
-  if (!m_process) return false;
+  if (!m_process)
+    return false;
   m_process->Signal(SIGTERM);
   const std::optional<int> status = m_process->Wait(limit);
   const bool clean = status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
@@ -101,7 +108,8 @@ bool PrivateBroker::Stop(std::chrono::milliseconds limit) {
 }
 
 void PrivateBroker::Kill() {
-  if (m_process) m_process->Kill();
+  if (m_process)
+    m_process->Kill();
   m_process.reset();
 }
 
@@ -140,7 +148,8 @@ bool PrivateBroker::Start() {
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
-  if (!project || !derived) return false;
+  if (!project || !derived)
+    return false;
   std::string line;
   while (std::getline(project, line)) {
     if (line.starts_with("listener ")) {

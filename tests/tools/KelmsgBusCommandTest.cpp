@@ -23,8 +23,7 @@ TEST(KelmsgBus, ServesTheBusUntilInterrupted) {
   ASSERT_TRUE(held.low) << "no two adjacent free ports";
   const int free = held.high->Port();
   held.high->Close();
-  const std::string spec =
-      std::to_string(held.low->Port()) + "," + std::to_string(free);
+  const std::string spec = std::to_string(held.low->Port()) + "," + std::to_string(free);
 
   KelmsgProcess bus({"bus", "--ports", spec});
   ASSERT_TRUE(bus.WaitForOutput("\n")) << bus.Err();

@@ -11,8 +11,8 @@
 
 namespace {
 
-const std::vector<std::string> kCommands = {"bus",  "listen", "send",      "serve",
-                                            "push", "pull",   "watch",     "find-port",
+const std::vector<std::string> kCommands = {"bus",   "listen", "send",   "serve",
+                                            "push",  "pull",   "watch",  "find-port",
                                             "stamp", "shared", "unstamp"};
 
 TEST(KelmsgCommandLine, EveryCommandHasHelp) {

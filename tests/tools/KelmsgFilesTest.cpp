@@ -40,7 +40,8 @@ class KelmsgFiles : public testing::Test {
   static std::string RandomBytes(std::size_t size) {
     std::mt19937 generator(static_cast<unsigned>(size));
     std::string bytes(size, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(generator());
+    for (char& byte : bytes)
+      byte = static_cast<char>(generator());
     return bytes;
   }
 
@@ -83,22 +84,39 @@ TEST_P(KelmsgRoundTrip, PushAndPullGiveIdenticalFiles) {
 INSTANTIATE_TEST_SUITE_P(Sizes, KelmsgRoundTrip,
                          testing::Values(1, 65535, 65536, 65537, 3 * 65536 + 1000));
 
+TEST_F(KelmsgFiles, OnATerminalPushShowsAProgressBar) {
+  Write(ClientDir() + "/model.inp", RandomBytes(1 << 20));
+  auto server = StartServer();
+  std::optional<int> status;
+  const std::string shown =
+      RunKelmsgOnTerminal({"push", "files", "model.inp", "deck.inp"}, ClientDir(), status);
+  ASSERT_EQ(status, 0) << shown;
+  // Redrawn in place, the last state complete, and the line ended once (the
+  // terminal turns the newline into "\r\n").
+  EXPECT_NE(shown.find("\rmodel.inp -> files:deck.inp [########################] 100%  "
+                       "1.0 MiB / 1.0 MiB  "),
+            std::string::npos)
+      << shown;
+  EXPECT_TRUE(shown.ends_with("/s  0:00 left\033[K\r\n")) << shown;
+  EXPECT_EQ(LineCount(shown), 1) << shown;
+  EXPECT_EQ(FileContent(ServerDir() + "/deck.inp").size(), 1u << 20);
+}
+
 TEST_F(KelmsgFiles, DirectoriesOfBothSidesAreOptions) {
   fs::create_directories(ClientDir() + "/job7");
   fs::create_directories(ServerDir() + "/runs/job7");
   Write(ClientDir() + "/job7/input.dat", "load case 7\n");
   auto server = StartServer();
 
-  const KelmsgResult push = RunKelmsg({"push", "files", "input.dat", "input.dat", "--base",
-                                       ClientDir(), "--job", "job7", "--server-base", "runs",
-                                       "--server-job", "job7"});
+  const KelmsgResult push =
+      RunKelmsg({"push", "files", "input.dat", "input.dat", "--base", ClientDir(), "--job", "job7",
+                 "--server-base", "runs", "--server-job", "job7"});
   ASSERT_EQ(push.status, 0) << push.err;
   EXPECT_EQ(FileContent(ServerDir() + "/runs/job7/input.dat"), "load case 7\n");
 
-  const KelmsgResult pull =
-      RunKelmsg({"pull", "files", ServerDir() + "/runs/job7/input.dat", "back.dat", "--job",
-                 "job7"},
-                ClientDir());
+  const KelmsgResult pull = RunKelmsg(
+      {"pull", "files", ServerDir() + "/runs/job7/input.dat", "back.dat", "--job", "job7"},
+      ClientDir());
   ASSERT_EQ(pull.status, 0) << pull.err;
   EXPECT_EQ(FileContent(ClientDir() + "/job7/back.dat"), "load case 7\n");
 }
@@ -129,11 +147,10 @@ TEST_F(KelmsgFiles, FailuresAreOneLine) {
   EXPECT_EQ(missingOnServer.err,
             "kelmsg pull: files sent nothing for absent.inp (missing or empty there)\n");
 
-  const KelmsgResult unwritable =
-      RunKelmsg({"pull", "files", "x", "no-such-dir/x"}, ClientDir());
+  const KelmsgResult unwritable = RunKelmsg({"pull", "files", "x", "no-such-dir/x"}, ClientDir());
   EXPECT_EQ(unwritable.status, 1);
-  EXPECT_EQ(unwritable.err.rfind("kelmsg pull: cannot write " + ClientDir() + "/no-such-dir/x: ", 0),
-            0u)
+  EXPECT_EQ(
+      unwritable.err.rfind("kelmsg pull: cannot write " + ClientDir() + "/no-such-dir/x: ", 0), 0u)
       << unwritable.err;
 }
 

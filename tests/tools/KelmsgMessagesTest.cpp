@@ -38,7 +38,9 @@ struct Delivery {
   std::vector<std::string> printed;
 };
 
-void PrintTo(const Delivery& delivery, std::ostream* out) { *out << delivery.name; }
+void PrintTo(const Delivery& delivery, std::ostream* out) {
+  *out << delivery.name;
+}
 
 class KelmsgDelivery : public KelmsgOnBus, public testing::WithParamInterface<Delivery> {};
 
@@ -58,9 +60,9 @@ TEST_P(KelmsgDelivery, ListenPrintsWhatSendSent) {
   std::size_t at = 0;
   for (const std::string& expected : delivery.printed) {
     const std::size_t found = printed.find(expected, at);
-    ASSERT_NE(found, std::string::npos) << "no \"" << expected << "\" after offset " << at
-                                        << " of:\n"
-                                        << printed;
+    ASSERT_NE(found, std::string::npos)
+        << "no \"" << expected << "\" after offset " << at << " of:\n"
+        << printed;
     at = found + expected.size();
   }
 }

@@ -1,6 +1,7 @@
 #include "KelmsgProcess.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -9,23 +10,36 @@
 
 namespace {
 
+// Everything a child needs is made before the fork: it only opens and execs.
+std::vector<char*> Argv(const std::vector<std::string>& arguments) {
+  std::vector<char*> argv{const_cast<char*>(KELMSG_TOOL)};
+  for (const std::string& argument : arguments)
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  return argv;
+}
+
+// In the child: the working directory, then kelmsg itself.
+int ExecKelmsg(const std::string& workingDirectory, std::vector<char*>& argv) {
+  if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
+    return 126;
+  execv(KELMSG_TOOL, argv.data());
+  return 127;
+}
+
 ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
                          const std::string& workingDirectory, const ScratchDirectory& files) {
   const std::string out = files / "out";
   const std::string err = files / "err";
-  // Everything the child needs is made before the fork: it only opens and execs.
-  std::vector<char*> argv{const_cast<char*>(KELMSG_TOOL)};
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
+  std::vector<char*> argv = Argv(arguments);
   return ChildProcess::Fork([&] {
-    if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0) return 126;
     const int outFile = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int errFile = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (outFile < 0 || errFile < 0) return 126;
+    if (outFile < 0 || errFile < 0)
+      return 126;
     dup2(outFile, STDOUT_FILENO);
     dup2(errFile, STDERR_FILENO);
-    execv(KELMSG_TOOL, argv.data());
-    return 127;
+    return ExecKelmsg(workingDirectory, argv);
   });
 }
 
@@ -40,8 +54,10 @@ bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::millisec
   for (;;) {
     // Read once more after the end: the last words may come with it.
     const bool running = m_process.Running();
-    if (Out().find(text) != std::string::npos) return true;
-    if (!running || std::chrono::steady_clock::now() >= deadline) return false;
+    if (Out().find(text) != std::string::npos)
+      return true;
+    if (!running || std::chrono::steady_clock::now() >= deadline)
+      return false;
     std::this_thread::sleep_for(10ms);
   }
 }
@@ -50,9 +66,13 @@ std::optional<int> KelmsgProcess::ExitCode(std::chrono::milliseconds limit) {
   return m_process.ExitCode(limit);
 }
 
-std::string KelmsgProcess::Out() const { return FileContent(m_files / "out"); }
+std::string KelmsgProcess::Out() const {
+  return FileContent(m_files / "out");
+}
 
-std::string KelmsgProcess::Err() const { return FileContent(m_files / "err"); }
+std::string KelmsgProcess::Err() const {
+  return FileContent(m_files / "err");
+}
 
 KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
                        const std::string& workingDirectory, std::chrono::milliseconds limit) {
@@ -61,9 +81,34 @@ KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
   return {status, kelmsg.Out(), kelmsg.Err()};
 }
 
+std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
+                                const std::string& workingDirectory, std::optional<int>& status) {
+  int terminal = -1;
+  int slave = -1;
+  if (openpty(&terminal, &slave, nullptr, nullptr, nullptr) != 0)
+    return "";
+  std::vector<char*> argv = Argv(arguments);
+  ChildProcess kelmsg = ChildProcess::Fork([&] {
+    close(terminal);
+    dup2(slave, STDOUT_FILENO);
+    return ExecKelmsg(workingDirectory, argv);
+  });
+  close(slave);
+  // Drain the terminal while kelmsg runs, so that it never blocks on a full one.
+  std::string output;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = read(terminal, buffer, sizeof buffer)) > 0)
+    output.append(buffer, got);
+  close(terminal);
+  status = kelmsg.ExitCode(30s);
+  return output;
+}
+
 int LineCount(const std::string& text) {
   int lines = 0;
-  for (char c : text) lines += c == '\n';
+  for (char c : text)
+    lines += c == '\n';
   return lines + (!text.empty() && text.back() != '\n');
 }
 

@@ -50,6 +50,11 @@ KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
                        const std::string& workingDirectory = "",
                        std::chrono::milliseconds limit = 30s);
 
+// Runs kelmsg to its end with a terminal as its standard output, and returns
+// what it wrote there; the status goes to `status`.
+std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
+                                const std::string& workingDirectory, std::optional<int>& status);
+
 // The number of lines of `text` (a last line without newline counts).
 int LineCount(const std::string& text);
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include <CLI/CLI.hpp>
 #include <KelMsgFeaMessaging/DovUnicodeString.h>
 #include <KelMsgFeaMessaging/KelMsgPortFinder.h>
+#include <CLI/CLI.hpp>
 #include "PrivateBroker.h"
 
 #include "CommandFailure.h"
@@ -66,9 +66,11 @@ std::unique_ptr<PrivateBroker> StartBroker(const BusOptions& options,
   std::string lastError;
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
     const int port = finder.FindOpenPort();
-    if (port == 0) throw CommandFailure("no free port in " + options.ports);
+    if (port == 0)
+      throw CommandFailure("no free port in " + options.ports);
     auto broker = std::make_unique<PrivateBroker>(settings, port);
-    if (broker->Running()) return broker;
+    if (broker->Running())
+      return broker;
     lastError = broker->Error();
   }
   throw CommandFailure(lastError);
@@ -91,9 +93,12 @@ void Bus(const BusOptions& options) {
   std::printf("KELBUS_URL=%s\n", Url(options.address, broker->Port()).c_str());
   std::fflush(stdout);
 
-  while (!StopSignals::Arrived() && !broker->Exited()) std::this_thread::sleep_for(kPollInterval);
-  if (!StopSignals::Arrived()) throw CommandFailure(broker->Error());
-  if (!broker->Stop(kStopLimit)) throw CommandFailure("the broker did not stop cleanly");
+  while (!StopSignals::Arrived() && !broker->Exited())
+    std::this_thread::sleep_for(kPollInterval);
+  if (!StopSignals::Arrived())
+    throw CommandFailure(broker->Error());
+  if (!broker->Stop(kStopLimit))
+    throw CommandFailure("the broker did not stop cleanly");
   std::fprintf(stderr, "kelmsg bus: stopped\n");
 }
 
@@ -102,18 +107,21 @@ void Bus(const BusOptions& options) {
 void AddBusCommand(CLI::App& app) {
   auto options = std::make_shared<BusOptions>();
   CLI::App* command = app.add_subcommand(
-      "bus", "start a private broker on a free port, print its KELBUS_URL and run until "
-             "interrupted");
+      "bus",
+      "start a private broker on a free port, print its KELBUS_URL and run until "
+      "interrupted");
   command->add_option("--ports", options->ports, "ports and ranges to try, in order")
       ->capture_default_str()
       ->type_name("SPEC");
-  command->add_option("--address", options->address,
-                      "address to listen on; 0.0.0.0 for every interface")
+  command
+      ->add_option("--address", options->address,
+                   "address to listen on; 0.0.0.0 for every interface")
       ->check(CLI::ValidIPV4)
       ->capture_default_str()
       ->type_name("ADDRESS");
-  command->add_option("--config", options->configuration,
-                      "broker configuration (default: the installed kelbus-mosquitto.conf)")
+  command
+      ->add_option("--config", options->configuration,
+                   "broker configuration (default: the installed kelbus-mosquitto.conf)")
       ->type_name("FILE");
   command->add_option("--mosquitto", options->program, "the broker program")
       ->capture_default_str()

@@ -14,7 +14,8 @@ constexpr std::string_view kChunkWritten = "::WriteChunk bytesWritten=";
 // The count at the end of `line` after `marker`; 0 when it is not there.
 int CountAfter(std::string_view line, std::string_view marker) {
   const std::size_t at = line.rfind(marker);
-  if (at == std::string_view::npos) return 0;
+  if (at == std::string_view::npos)
+    return 0;
   return std::atoi(std::string(line.substr(at + marker.size())).c_str());
 }
 
@@ -24,12 +25,15 @@ ChunkTap::ChunkTap(Listener listener) : m_listener(std::move(listener)) {
   cookie_io_functions_t functions{};
   functions.write = Write;
   m_stream = fopencookie(this, "w", functions);
-  if (m_stream == nullptr) throw std::bad_alloc();
+  if (m_stream == nullptr)
+    throw std::bad_alloc();
   // Each line reaches the tap when the engine writes it, not when a buffer fills.
   std::setvbuf(m_stream, nullptr, _IOLBF, 0);
 }
 
-ChunkTap::~ChunkTap() { std::fclose(m_stream); }
+ChunkTap::~ChunkTap() {
+  std::fclose(m_stream);
+}
 
 ssize_t ChunkTap::Write(void* cookie, const char* data, size_t size) {
   auto* tap = static_cast<ChunkTap*>(cookie);
@@ -44,8 +48,11 @@ ssize_t ChunkTap::Write(void* cookie, const char* data, size_t size) {
 
 void ChunkTap::Take(std::string_view line) const {
   int bytes = 0;
-  if (line.starts_with(kChunkRead)) bytes = CountAfter(line, kChunkReadBytes);
-  if (line.starts_with(kChunkWritten)) bytes = CountAfter(line, kChunkWritten);
+  if (line.starts_with(kChunkRead))
+    bytes = CountAfter(line, kChunkReadBytes);
+  if (line.starts_with(kChunkWritten))
+    bytes = CountAfter(line, kChunkWritten);
   // The read at the end of the file counts 0, a failed read or write -1.
-  if (bytes > 0) m_listener(bytes);
+  if (bytes > 0)
+    m_listener(bytes);
 }

@@ -9,12 +9,12 @@
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <CLI/CLI.hpp>
 
 #include "ChunkTap.h"
 #include "CommandFailure.h"
@@ -91,7 +91,8 @@ std::string LocalPath(const TransferOptions& options, const std::string& fileNam
 std::int64_t ReadableFileSize(const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = fs::file_size(path, error);
-  if (error) throw CommandFailure("cannot read " + path + ": " + error.message());
+  if (error)
+    throw CommandFailure("cannot read " + path + ": " + error.message());
   if (access(path.c_str(), R_OK) != 0) {
     throw CommandFailure("cannot read " + path + ": " + std::strerror(errno));
   }
@@ -101,7 +102,8 @@ std::int64_t ReadableFileSize(const std::string& path) {
 // The engine reports nothing when it cannot create the target: find out first.
 void CheckWritable(const std::string& path) {
   const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT, 0640);
-  if (descriptor < 0) throw CommandFailure("cannot write " + path + ": " + std::strerror(errno));
+  if (descriptor < 0)
+    throw CommandFailure("cannot write " + path + ": " + std::strerror(errno));
   close(descriptor);
 }
 
@@ -133,7 +135,8 @@ void Push(const TransferOptions& options) {
                             size);
   const IdleTimeout idle(NoAnswer("push", options), options.timeoutSeconds);
   RunTransfer(session, progress, idle, [&](KelMsgFileTransfer& engine) {
-    const auto push = options.noWait ? &KelMsgFileTransfer::ISendFile : &KelMsgFileTransfer::SendFile;
+    const auto push =
+        options.noWait ? &KelMsgFileTransfer::ISendFile : &KelMsgFileTransfer::SendFile;
     (engine.*push)(session.Application().c_str(), options.baseDir.c_str(), options.jobDir.c_str(),
                    options.source.c_str(), options.server.c_str(), options.serverBaseDir.c_str(),
                    options.serverJobDir.c_str(), options.target.c_str());
@@ -175,16 +178,19 @@ CLI::App* AddTransferCommand(CLI::App& app, const char* name, const char* descri
   command->add_option("--base", options->baseDir, "this side's base directory")
       ->capture_default_str()
       ->type_name("DIR");
-  command->add_option("--job", options->jobDir,
-                      "this side's job directory, relative to --base unless absolute")
+  command
+      ->add_option("--job", options->jobDir,
+                   "this side's job directory, relative to --base unless absolute")
       ->type_name("DIR");
-  command->add_option("--server-base", options->serverBaseDir,
-                      "the server's base directory (default: its current directory)")
+  command
+      ->add_option("--server-base", options->serverBaseDir,
+                   "the server's base directory (default: its current directory)")
       ->type_name("DIR");
   command->add_option("--server-job", options->serverJobDir, "the server's job directory")
       ->type_name("DIR");
-  command->add_option("--timeout", options->timeoutSeconds,
-                      "give up when nothing moves for this many seconds; 0 waits for ever")
+  command
+      ->add_option("--timeout", options->timeoutSeconds,
+                   "give up when nothing moves for this many seconds; 0 waits for ever")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str()
       ->type_name("SECONDS");
@@ -196,13 +202,15 @@ CLI::App* AddTransferCommand(CLI::App& app, const char* name, const char* descri
 void AddFileCommands(CLI::App& app) {
   auto serve = std::make_shared<ServeOptions>();
   CLI::App* serveCommand = app.add_subcommand(
-      "serve", "join the bus as APP, take pushed files and answer pulls until interrupted or "
-               "sent a kill");
+      "serve",
+      "join the bus as APP, take pushed files and answer pulls until interrupted or "
+      "sent a kill");
   serveCommand->add_option("APP", serve->application, "application name to serve as")
       ->required()
       ->type_name("NAME");
-  serveCommand->add_option("--dir", serve->directory,
-                           "directory that relative names are read against (default: current)")
+  serveCommand
+      ->add_option("--dir", serve->directory,
+                   "directory that relative names are read against (default: current)")
       ->type_name("DIR");
   serveCommand->callback([serve] { Serve(*serve); });
 

@@ -26,6 +26,10 @@ IdleTimeout::IdleTimeout(const std::string& line, int seconds) : m_seconds(secon
   Restart();
 }
 
-IdleTimeout::~IdleTimeout() { alarm(0); }
+IdleTimeout::~IdleTimeout() {
+  alarm(0);
+}
 
-void IdleTimeout::Restart() const { alarm(static_cast<unsigned>(m_seconds)); }
+void IdleTimeout::Restart() const {
+  alarm(static_cast<unsigned>(m_seconds));
+}

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <KelMsgFeaMessaging/KelBasResult.h>
 #include <KelMsgFeaMessaging/KelBasXmlDocument.h>
 #include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
@@ -15,6 +14,7 @@
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlTypeFactory.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <CLI/CLI.hpp>
 
 #include "CommandFailure.h"
 #include "Commands.h"
@@ -34,7 +34,8 @@ struct Countdown {
   int done = -1;  // set to 0 by the last message wanted
 
   void Tick() {
-    if (remaining > 0 && --remaining == 0) done = 0;
+    if (remaining > 0 && --remaining == 0)
+      done = 0;
   }
 };
 
@@ -79,7 +80,8 @@ struct SendOptions {
 std::string ReadXmlDocument(const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   std::string document{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (!in) throw CommandFailure("cannot read " + file);
+  if (!in)
+    throw CommandFailure("cannot read " + file);
   // Receivers take analysis messages for XML; refuse to send them anything else.
   KelBasXmlDocument parsed;
   if (document.empty() || parsed.ReadString(document.c_str()) != S_OK) {

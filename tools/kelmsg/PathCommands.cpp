@@ -4,10 +4,10 @@
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <KelMsgFeaMessaging/DovUnicodeString.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgPortFinder.h>
+#include <CLI/CLI.hpp>
 
 #include "CommandFailure.h"
 #include "Commands.h"
@@ -27,7 +27,8 @@ void FindPort(const std::string& spec) {
     throw CommandFailure("no port in the specification \"" + spec + "\"");
   }
   const int port = KelMsgPortFinder(DovUnicodeString(spec.c_str())).FindOpenPort();
-  if (port == 0) throw CommandFailure("no free port in " + spec);
+  if (port == 0)
+    throw CommandFailure("no free port in " + spec);
   std::printf("%d\n", port);
 }
 
@@ -45,19 +46,22 @@ bool IsShared(const StampOptions& stamp) {
 void Stamp(const StampOptions& stamp) {
   KelMsgPathExplorer::StampPath(stamp.base.c_str(), stamp.job.c_str(), stamp.name.c_str());
   // The explorer reports nothing; the stamp's presence tells.
-  if (!IsShared(stamp)) throw CommandFailure("cannot create " + StampFile(stamp));
+  if (!IsShared(stamp))
+    throw CommandFailure("cannot create " + StampFile(stamp));
   std::printf("%s\n", StampFile(stamp).c_str());
 }
 
 void Shared(const StampOptions& stamp) {
   const bool shared = IsShared(stamp);
   std::printf("%s: %s\n", shared ? "shared" : "not shared", StampFile(stamp).c_str());
-  if (!shared) throw CLI::RuntimeError(1);
+  if (!shared)
+    throw CLI::RuntimeError(1);
 }
 
 void Unstamp(const StampOptions& stamp) {
   KelMsgPathExplorer::RemoveStampFile(stamp.base.c_str(), stamp.job.c_str(), stamp.name.c_str());
-  if (IsShared(stamp)) throw CommandFailure("cannot remove " + StampFile(stamp));
+  if (IsShared(stamp))
+    throw CommandFailure("cannot remove " + StampFile(stamp));
 }
 
 void AddStampCommand(CLI::App& app, const char* name, const char* description,
@@ -78,8 +82,8 @@ void AddStampCommand(CLI::App& app, const char* name, const char* description,
 
 void AddPathCommands(CLI::App& app) {
   auto spec = std::make_shared<std::string>();
-  CLI::App* findPort = app.add_subcommand(
-      "find-port", "print the first port of SPEC that is free on this machine");
+  CLI::App* findPort =
+      app.add_subcommand("find-port", "print the first port of SPEC that is free on this machine");
   findPort->add_option("SPEC", *spec, "ports and ranges, for example 5000,6000-6010")
       ->required()
       ->type_name("SPEC");

@@ -6,7 +6,9 @@ namespace {
 
 volatile std::sig_atomic_t g_arrived = 0;
 
-void Raise(int /*signal*/) { g_arrived = 1; }
+void Raise(int /*signal*/) {
+  g_arrived = 1;
+}
 
 }  // namespace
 
@@ -20,6 +22,8 @@ void Catch() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool Arrived() { return g_arrived != 0; }
+bool Arrived() {
+  return g_arrived != 0;
+}
 
 }  // namespace StopSignals

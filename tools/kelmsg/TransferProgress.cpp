@@ -14,7 +14,8 @@ constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 std::string FormatBytes(double bytes) {
   static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
   int unit = 0;
-  for (; bytes >= 1024.0 && unit < 4; ++unit) bytes /= 1024.0;
+  for (; bytes >= 1024.0 && unit < 4; ++unit)
+    bytes /= 1024.0;
   char text[32];
   std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
   return text;
@@ -34,7 +35,8 @@ TransferProgress::TransferProgress(FILE* out, std::string label, std::int64_t si
 
 void TransferProgress::Add(int bytes) {
   m_bytes += bytes;
-  if (m_onTerminal && Clock::now() - m_lastDrawn >= kRedrawInterval) DrawBar();
+  if (m_onTerminal && Clock::now() - m_lastDrawn >= kRedrawInterval)
+    DrawBar();
 }
 
 void TransferProgress::Finish() {
@@ -60,7 +62,8 @@ void TransferProgress::DrawBar() {
     line += " [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " + share;
   }
   line += "  " + FormatBytes(static_cast<double>(m_bytes));
-  if (m_size >= 0) line += " / " + FormatBytes(static_cast<double>(m_size));
+  if (m_size >= 0)
+    line += " / " + FormatBytes(static_cast<double>(m_size));
   const double rate = BytesPerSecond();
   line += "  " + FormatBytes(rate) + "/s";
   if (m_size >= 0) {

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <KelMsgFeaMessaging/KelMsgSimpleDisconnectHandler.h>
+#include <CLI/CLI.hpp>
 
 #include "CommandFailure.h"
 #include "Commands.h"
@@ -56,8 +56,9 @@ void AddWatchCommand(CLI::App& app) {
       ->required()
       ->type_name("NAME");
   AddApplicationNameOption(*command, options->application);
-  command->add_option("--timeout", options->timeoutSeconds,
-                      "give up after this many seconds (status 1); 0 waits for ever")
+  command
+      ->add_option("--timeout", options->timeoutSeconds,
+                   "give up after this many seconds (status 1); 0 waits for ever")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str()
       ->type_name("SECONDS");

@@ -29,8 +29,10 @@ std::string ChosenCommand(const CLI::App& app) {
 
 void AddApplicationNameOption(CLI::App& command, std::string& name) {
   name = DefaultApplicationName(command.get_name());
-  command.add_option("--as", name, "application name to join the bus as (default: kelmsg-" +
-                                       command.get_name() + "-<process id>)")
+  command
+      .add_option("--as", name,
+                  "application name to join the bus as (default: kelmsg-" + command.get_name() +
+                      "-<process id>)")
       ->type_name("NAME");
 }
 
@@ -38,9 +40,10 @@ int main(int argc, char** argv) {
   // Lines reach a pipe as they are printed, so that scripts can follow along.
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  CLI::App app("The KelMsgFeaMessaging bus from a shell.  Programs find the bus through "
-               "KELBUS_URL (default mqtt://127.0.0.1:1883); `kelmsg bus` starts one.",
-               "kelmsg");
+  CLI::App app(
+      "The KelMsgFeaMessaging bus from a shell.  Programs find the bus through "
+      "KELBUS_URL (default mqtt://127.0.0.1:1883); `kelmsg bus` starts one.",
+      "kelmsg");
   app.failure_message(OneLine);  // before the subcommands, which copy it
   app.require_subcommand(1);
   AddBusCommand(app);
