@@ -107,6 +107,11 @@ bool PrivateBroker::Stop(std::chrono::milliseconds limit) {
   return clean;
 }
 
+void PrivateBroker::Signal(int signal) {
+  if (m_process)
+    m_process->Signal(signal);
+}
+
 void PrivateBroker::Kill() {
   if (m_process)
     m_process->Kill();

@@ -53,6 +53,8 @@ class PrivateBroker {
   // Asks the broker to stop (SIGTERM) and waits for it, at most `limit`;
   // true when it exited with status 0 in time.  Kills it otherwise.
   bool Stop(std::chrono::milliseconds limit);
+  // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it).
+  void Signal(int signal);
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill();
   // Starts it again on the same port, retrying for up to 5 s while the port

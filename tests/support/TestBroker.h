@@ -29,6 +29,8 @@ class TestBroker {
   // What the broker wrote (errors and warnings).
   std::string Log() const { return m_broker->Log(); }
 
+  // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it).
+  void Signal(int signal) { m_broker->Signal(signal); }
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill() { m_broker->Kill(); }
   // Starts it again on the same port; false if that fails.

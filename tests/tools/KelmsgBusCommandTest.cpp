@@ -1,5 +1,5 @@
 // bus: a private broker that programs can use, started on a free port of a
-// specification and stopped cleanly.
+// list and stopped cleanly.
 #include <csignal>
 #include <regex>
 #include <string>
@@ -23,9 +23,9 @@ TEST(KelmsgBus, ServesTheBusUntilInterrupted) {
   ASSERT_TRUE(held.low) << "no two adjacent free ports";
   const int free = held.high->Port();
   held.high->Close();
-  const std::string spec = std::to_string(held.low->Port()) + "," + std::to_string(free);
+  const std::string ports = std::to_string(held.low->Port()) + "," + std::to_string(free);
 
-  KelmsgProcess bus({"bus", "--ports", spec});
+  KelmsgProcess bus({"bus", "--ports", ports});
   ASSERT_TRUE(bus.WaitForOutput("\n")) << bus.Err();
   ASSERT_EQ(PortOf(bus.Out()), free) << bus.Out();
   EXPECT_TRUE(AcceptsConnections(static_cast<std::uint16_t>(free)));
@@ -53,7 +53,7 @@ TEST(KelmsgBus, SigtermStopsItToo) {
   EXPECT_FALSE(AcceptsConnections(static_cast<std::uint16_t>(port)));
 }
 
-TEST(KelmsgBus, RefusesASpecificationWithoutAFreePort) {
+TEST(KelmsgBus, RefusesAListWithoutAFreePort) {
   ListeningSocket taken(0);
   ASSERT_TRUE(taken.IsListening());
   const std::string port = std::to_string(taken.Port());
@@ -64,7 +64,7 @@ TEST(KelmsgBus, RefusesASpecificationWithoutAFreePort) {
 
   const KelmsgResult garbage = RunKelmsg({"bus", "--ports", "any"});
   EXPECT_EQ(garbage.status, 1);
-  EXPECT_EQ(garbage.err, "kelmsg bus: no port in the specification \"any\"\n");
+  EXPECT_EQ(garbage.err, "kelmsg bus: no port in the list \"any\"\n");
 }
 
 TEST(KelmsgBus, SaysSoWhenTheBrokerDiesUnderIt) {

@@ -29,10 +29,10 @@ TEST(KelmsgFindPort, PassesOverATakenPort) {
   EXPECT_EQ(none.out, "");
 }
 
-TEST(KelmsgFindPort, RefusesASpecificationWithoutPorts) {
+TEST(KelmsgFindPort, RefusesAListWithoutPorts) {
   const KelmsgResult result = RunKelmsg({"find-port", "ports,please"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "kelmsg find-port: no port in the specification \"ports,please\"\n");
+  EXPECT_EQ(result.err, "kelmsg find-port: no port in the list \"ports,please\"\n");
 }
 
 // Two names for one directory: the real one and a symbolic link to it.

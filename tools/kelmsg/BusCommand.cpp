@@ -1,4 +1,4 @@
-// bus: a private mosquitto on the first free port of a specification, with
+// bus: a private mosquitto on the first free port of a list, with
 // the project's broker configuration, until interrupted.
 #include <unistd.h>
 
@@ -10,13 +10,13 @@
 #include <string>
 #include <thread>
 
-#include <KelMsgFeaMessaging/DovUnicodeString.h>
 #include <KelMsgFeaMessaging/KelMsgPortFinder.h>
 #include <CLI/CLI.hpp>
 #include "PrivateBroker.h"
 
 #include "CommandFailure.h"
 #include "Commands.h"
+#include "PortList.h"
 #include "StopSignals.h"
 
 namespace fs = std::filesystem;
@@ -59,10 +59,7 @@ std::string Url(const std::string& address, int port) {
 
 std::unique_ptr<PrivateBroker> StartBroker(const BusOptions& options,
                                            const PrivateBroker::Settings& settings) {
-  if (KelMsgPortFinder(DovUnicodeString(options.ports.c_str())).GetPort() == 0) {
-    throw CommandFailure("no port in the specification \"" + options.ports + "\"");
-  }
-  KelMsgPortFinder finder{DovUnicodeString(options.ports.c_str())};
+  KelMsgPortFinder finder = PortFinderFor(options.ports);
   std::string lastError;
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
     const int port = finder.FindOpenPort();
@@ -112,7 +109,7 @@ void AddBusCommand(CLI::App& app) {
       "interrupted");
   command->add_option("--ports", options->ports, "ports and ranges to try, in order")
       ->capture_default_str()
-      ->type_name("SPEC");
+      ->type_name("PORTS");
   command
       ->add_option("--address", options->address,
                    "address to listen on; 0.0.0.0 for every interface")

@@ -4,13 +4,12 @@
 #include <memory>
 #include <string>
 
-#include <KelMsgFeaMessaging/DovUnicodeString.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
-#include <KelMsgFeaMessaging/KelMsgPortFinder.h>
 #include <CLI/CLI.hpp>
 
 #include "CommandFailure.h"
 #include "Commands.h"
+#include "PortList.h"
 
 namespace {
 
@@ -20,15 +19,10 @@ struct StampOptions {
   std::string name;
 };
 
-void FindPort(const std::string& spec) {
-  // A specification without a single port would make the finder ask the
-  // system for any port; from a shell that is a mistake, not a wish.
-  if (KelMsgPortFinder(DovUnicodeString(spec.c_str())).GetPort() == 0) {
-    throw CommandFailure("no port in the specification \"" + spec + "\"");
-  }
-  const int port = KelMsgPortFinder(DovUnicodeString(spec.c_str())).FindOpenPort();
+void FindPort(const std::string& ports) {
+  const int port = PortFinderFor(ports).FindOpenPort();
   if (port == 0)
-    throw CommandFailure("no free port in " + spec);
+    throw CommandFailure("no free port in " + ports);
   std::printf("%d\n", port);
 }
 
@@ -81,13 +75,13 @@ void AddStampCommand(CLI::App& app, const char* name, const char* description,
 }  // namespace
 
 void AddPathCommands(CLI::App& app) {
-  auto spec = std::make_shared<std::string>();
+  auto ports = std::make_shared<std::string>();
   CLI::App* findPort =
-      app.add_subcommand("find-port", "print the first port of SPEC that is free on this machine");
-  findPort->add_option("SPEC", *spec, "ports and ranges, for example 5000,6000-6010")
+      app.add_subcommand("find-port", "print the first port of PORTS that is free on this machine");
+  findPort->add_option("PORTS", *ports, "ports and ranges, for example 5000,6000-6010")
       ->required()
-      ->type_name("SPEC");
-  findPort->callback([spec] { FindPort(*spec); });
+      ->type_name("PORTS");
+  findPort->callback([ports] { FindPort(*ports); });
 
   AddStampCommand(app, "stamp", "create the stamp file BASE/JOB/NAME.stamp and print its path",
                   Stamp);
