@@ -85,8 +85,10 @@ int main(int argc, char** argv) {
   fs::create_directory_symlink(base, solverBase);
   WriteInputDeck(base / kJob / "model.inp");
 
+  // The engine outlives `bus`, whose registry deletes the handler that points at it.
+  KelMsgFileTransfer files(-1, nullptr, 0);
   SuiteProcess bus("monitor");
-  KelMsgFileTransfer files(bus.Communicator(), nullptr, 0);
+  files.SetCommunicatorId(bus.Communicator());
   bus.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&files));
   SolverReports reports;
   bus.Handle(new KelMsgAnalysisMessageType,

@@ -80,8 +80,10 @@ int main(int argc, char** argv) {
   const char* job = argv[2];
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
+  // The engine outlives `bus`, whose registry deletes the handler that points at it.
+  KelMsgFileTransfer files(-1, nullptr, 0);
   SuiteProcess bus("solver");
-  KelMsgFileTransfer files(bus.Communicator(), nullptr, 0);
+  files.SetCommunicatorId(bus.Communicator());
   bus.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&files));
 
   int runRequested = -1;

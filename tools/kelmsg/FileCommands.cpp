@@ -30,6 +30,8 @@ namespace {
 
 // The level at which the server traces: a few lines per transfer step.
 constexpr int kServerTraceLevel = 1;
+// An engine made before its session learns the communicator afterwards.
+constexpr int kNoCommunicatorYet = -1;
 
 struct ServeOptions {
   std::string application;
@@ -56,8 +58,10 @@ void Serve(const ServeOptions& options) {
     throw CommandFailure("cannot serve from " + options.directory + ": " + std::strerror(errno));
   }
   StopSignals::Catch();
+  // Made first, the engine outlives the handler that the session deletes.
+  KelMsgFileTransfer engine(kNoCommunicatorYet, stdout, kServerTraceLevel);
   Session session(options.application);
-  KelMsgFileTransfer engine(session.Communicator(), stdout, kServerTraceLevel);
+  engine.SetCommunicatorId(session.Communicator());
   session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&engine));
   int killed = -1;
   session.Handle(new KelMsgProcessControlType, new KillHandler(killed));
@@ -112,49 +116,58 @@ std::string NoAnswer(const char* command, const TransferOptions& options) {
          std::to_string(options.timeoutSeconds) + " s (is it serving?)";
 }
 
-// Moves one file with an engine whose chunks feed `progress` and keep
-// `idle` from firing; `transfer` makes the engine's call.
-template <typename Transfer>
-void RunTransfer(Session& session, TransferProgress& progress, const IdleTimeout& idle,
-                 Transfer transfer) {
-  ChunkTap tap([&](int bytes) {
-    progress.Add(bytes);
-    idle.Restart();
-  });
-  KelMsgFileTransfer engine(session.Communicator(), tap.Stream(), ChunkTap::kTraceLevel);
-  session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&engine));
-  transfer(engine);
-  progress.Finish();
-}
+// This process on the bus with a file-transfer engine whose chunks feed
+// `progress` and keep `idle` from firing.  The engine is made before the
+// session and so outlives the handler that points at it, which the session's
+// registry deletes.
+class TransferSession {
+ public:
+  TransferSession(const std::string& application, TransferProgress& progress,
+                  const IdleTimeout& idle)
+      : m_tap([&progress, &idle](int bytes) {
+          progress.Add(bytes);
+          idle.Restart();
+        }),
+        m_engine(kNoCommunicatorYet, m_tap.Stream(), ChunkTap::kTraceLevel),
+        m_session(application) {
+    m_engine.SetCommunicatorId(m_session.Communicator());
+    m_session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&m_engine));
+  }
+
+  KelMsgFileTransfer& Engine() { return m_engine; }
+  const char* Application() const { return m_session.Application().c_str(); }
+
+ private:
+  ChunkTap m_tap;
+  KelMsgFileTransfer m_engine;
+  Session m_session;
+};
 
 void Push(const TransferOptions& options) {
-  const std::string path = LocalPath(options, options.source);
-  const std::int64_t size = ReadableFileSize(path);
-  Session session(options.application);
+  const std::int64_t size = ReadableFileSize(LocalPath(options, options.source));
   TransferProgress progress(stdout, options.source + " -> " + options.server + ":" + options.target,
                             size);
   const IdleTimeout idle(NoAnswer("push", options), options.timeoutSeconds);
-  RunTransfer(session, progress, idle, [&](KelMsgFileTransfer& engine) {
-    const auto push =
-        options.noWait ? &KelMsgFileTransfer::ISendFile : &KelMsgFileTransfer::SendFile;
-    (engine.*push)(session.Application().c_str(), options.baseDir.c_str(), options.jobDir.c_str(),
-                   options.source.c_str(), options.server.c_str(), options.serverBaseDir.c_str(),
-                   options.serverJobDir.c_str(), options.target.c_str());
-  });
+  TransferSession transfer(options.application, progress, idle);
+  const auto push = options.noWait ? &KelMsgFileTransfer::ISendFile : &KelMsgFileTransfer::SendFile;
+  (transfer.Engine().*push)(transfer.Application(), options.baseDir.c_str(), options.jobDir.c_str(),
+                            options.source.c_str(), options.server.c_str(),
+                            options.serverBaseDir.c_str(), options.serverJobDir.c_str(),
+                            options.target.c_str());
+  progress.Finish();
 }
 
 void Pull(const TransferOptions& options) {
   CheckWritable(LocalPath(options, options.target));
-  Session session(options.application);
   TransferProgress progress(stdout, options.server + ":" + options.source + " -> " + options.target,
                             TransferProgress::kUnknownSize);
   const IdleTimeout idle(NoAnswer("pull", options), options.timeoutSeconds);
-  RunTransfer(session, progress, idle, [&](KelMsgFileTransfer& engine) {
-    engine.ReceiveFile(options.server.c_str(), options.serverBaseDir.c_str(),
-                       options.serverJobDir.c_str(), options.source.c_str(),
-                       session.Application().c_str(), options.baseDir.c_str(),
-                       options.jobDir.c_str(), options.target.c_str());
-  });
+  TransferSession transfer(options.application, progress, idle);
+  transfer.Engine().ReceiveFile(options.server.c_str(), options.serverBaseDir.c_str(),
+                                options.serverJobDir.c_str(), options.source.c_str(),
+                                transfer.Application(), options.baseDir.c_str(),
+                                options.jobDir.c_str(), options.target.c_str());
+  progress.Finish();
   // A pull of a file that the server lacks ends like one of an empty file.
   if (progress.Bytes() == 0) {
     throw CommandFailure(options.server + " sent nothing for " + options.source +
