@@ -176,6 +176,26 @@ TEST_F(KelBusBroker, ANameWhoseHolderLeftIsFreeAgain) {
   EXPECT_EQ(successor.Result(), KELBUS_OK) << KelBusLastError();
 }
 
+TEST_F(KelBusBroker, AnyApplicationNameCarriesMessages) {
+  Member sender;
+  const std::string names[] = {
+      "a/b", "+", "#", "a b%20", "\xC3\xA9t\xC3\xA9", "$SYS", std::string(4096, '/')};
+  for (const std::string& name : names) {
+    Received::Reset();
+    Member holder(name.c_str());
+    ASSERT_EQ(holder.Result(), KELBUS_OK) << name.substr(0, 20) << ": " << KelBusLastError();
+    ASSERT_EQ(Received::CollectMessages(holder.Id()), KELBUS_OK);
+    ASSERT_EQ(Send(sender.Id(), name, "T", name), KELBUS_OK);
+    ASSERT_TRUE(Received::AwaitMessages(holder.Id(), 1, 5000)) << name.substr(0, 20);
+    EXPECT_EQ(Received::Messages()[0].bytes, name);
+  }
+  // Names that escape alike in part stay distinct.
+  Member slash("x/y");
+  Member escaped("x%2Fy");
+  EXPECT_EQ(slash.Result(), KELBUS_OK);
+  EXPECT_EQ(escaped.Result(), KELBUS_OK);
+}
+
 TEST_F(KelBusBroker, AMissingBrokerIsReportedWithinSeconds) {
   const int port = m_broker.Port();
   m_broker.Kill();
