@@ -196,6 +196,30 @@ TEST_F(KelBusBroker, AnyApplicationNameCarriesMessages) {
   EXPECT_EQ(escaped.Result(), KELBUS_OK);
 }
 
+TEST_F(KelBusBroker, TypeNamesArriveAsSentAndMustBeText) {
+  Member holder("typed");
+  ASSERT_EQ(Received::CollectMessages(holder.Id()), KELBUS_OK);
+  const std::string types[] = {"", "a b/c+#", "\xC3\xA9", std::string(1000, 't')};
+  for (const std::string& type : types)
+    ASSERT_EQ(Send(holder.Id(), "typed", type, "x"), KELBUS_OK);
+  EXPECT_EQ(Send(holder.Id(), "typed", "\xFF\xFE", "x"), KELBUS_ERR_INVALID);
+  ASSERT_TRUE(Received::AwaitMessages(holder.Id(), std::size(types), 5000));
+  for (std::size_t i = 0; i < std::size(types); ++i) {
+    EXPECT_EQ(Received::Messages()[i].type, types[i]);
+  }
+}
+
+TEST_F(KelBusBroker, AMessageLargerThanTheBrokerTakesIsRefusedAlone) {
+  Member holder("large");
+  ASSERT_EQ(Received::CollectMessages(holder.Id()), KELBUS_OK);
+  const std::string tooLarge(65 << 20, 'L');  // the broker takes 64 MiB
+  EXPECT_EQ(Send(holder.Id(), "large", "T", tooLarge), KELBUS_ERR_TOO_LARGE);
+  const std::string large(16 << 20, 'l');
+  ASSERT_EQ(Send(holder.Id(), "large", "T", large), KELBUS_OK);
+  ASSERT_TRUE(Received::AwaitMessages(holder.Id(), 1, 20000));
+  EXPECT_TRUE(Received::Messages()[0].bytes == large);
+}
+
 TEST_F(KelBusBroker, AMissingBrokerIsReportedWithinSeconds) {
   const int port = m_broker.Port();
   m_broker.Kill();

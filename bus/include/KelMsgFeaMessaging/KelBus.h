@@ -25,7 +25,8 @@
 // MAPPING ONTO MQTT
 //   <namespace>/a/<application>   messages to the application; the payload is
 //                                 the buffer byte for byte, the type name is
-//                                 the MQTT content type.  QoS 1.
+//                                 the MQTT content type (none for the empty
+//                                 name).  QoS 1.
 //   <namespace>/p/<application>   retained presence record of the holder of
 //                                 the name; the holder's will replaces it by
 //                                 its departure record.
