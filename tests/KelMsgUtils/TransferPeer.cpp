@@ -5,8 +5,10 @@
 //
 //   kelmsg_transfer_peer APP CONTROLLER [--id ID] [--trace LEVEL]
 //
-// Commands are fields separated by '\n': a verb (push, ipush, pull, quit)
-// and, for the three transfers, the eight names of the transfer.
+// Commands are fields separated by '\n': a transfer verb (push, ipush, pull)
+// followed by the eight names of the transfer, "quit", or any other single
+// word, which is only answered: the answer shows that everything sent to the
+// peer before it has been handled.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -66,7 +68,10 @@ class Peer : public KelMsgBBMessageHandler {
       m_quit = 0;
       return;
     }
-    if (fields.size() != 9) return;
+    if (fields.size() != 9) {
+      Reply("done " + verb);
+      return;
+    }
     const char* n[8];
     for (int i = 0; i < 8; ++i) n[i] = fields[static_cast<std::size_t>(i) + 1].c_str();
     if (verb == "push") m_files->SendFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
