@@ -254,9 +254,13 @@ TEST_F(KelBusBroker, ALostConnectionIsRestoredAndSendsMeanwhileFail) {
   ASSERT_EQ(member.Result(), KELBUS_OK);
   ASSERT_EQ(Received::CollectMessages(member.Id()), KELBUS_OK);
   m_broker.Kill();
+  // Sends taken before the loss shows are in flight, and go again later.
+  int taken = 0;
   int result = KELBUS_OK;
   for (int i = 0; i < 100 && result == KELBUS_OK; ++i) {
     result = Send(member.Id(), "phoenix", "T", "while down");
+    if (result == KELBUS_OK)
+      ++taken;
     std::this_thread::sleep_for(20ms);
   }
   EXPECT_EQ(result, KELBUS_ERR_DISCONNECTED);
@@ -266,8 +270,13 @@ TEST_F(KelBusBroker, ALostConnectionIsRestoredAndSendsMeanwhileFail) {
     result = Send(member.Id(), "phoenix", "T", "after");
   }
   ASSERT_EQ(result, KELBUS_OK);
-  ASSERT_TRUE(Received::AwaitMessages(member.Id(), 1, 5000));
-  EXPECT_EQ(Received::Messages().back().bytes, "after");
+  const auto& messages = Received::Messages();
+  while (messages.empty() || messages.back().bytes != "after") {
+    ASSERT_TRUE(Received::AwaitMessages(member.Id(), messages.size() + 1, 5000));
+  }
+  EXPECT_LE(static_cast<int>(messages.size()) - 1, taken);
+  for (std::size_t i = 0; i + 1 < messages.size(); ++i)
+    EXPECT_EQ(messages[i].bytes, "while down");
 }
 
 TEST_F(KelBusBroker, SendRequestWaitsWhileTheBrokerHoldsBackItsAcknowledgements) {
