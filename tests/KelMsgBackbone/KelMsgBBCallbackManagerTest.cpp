@@ -13,6 +13,8 @@
 
 namespace {
 
+using Strings = std::vector<std::string>;
+
 constexpr char kRegistryPath[] = "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgBBCallbackManager";
 
 // Frames `msg` the way the bus does during a send: size, then envelope.
@@ -27,8 +29,7 @@ std::vector<char> Frame(const KelMsgBBMessage& msg) {
 std::vector<char> Envelope(std::int32_t n, const std::string& rest) {
   char count[4];
   std::memcpy(count, &n, sizeof count);
-  std::string bytes(count, sizeof count);
-  bytes += rest;
+  const std::string bytes = std::string(count, sizeof count) + rest;
   return {bytes.begin(), bytes.end()};
 }
 
@@ -56,136 +57,84 @@ class RegistryTest : public ::testing::Test {
   ProbeLog m_log;
 };
 
-TEST_F(RegistryTest, DispatchClonesUnstreamsCallsHandlerAndCleansUp) {
+// The envelope carries the identifier's bytes before the payload; dispatch
+// clones the prototype, lets the clone take the payload, hands it to the
+// handler with the identifier, and deletes it.
+TEST_F(RegistryTest, FramedMessagesAreDispatchedToTheHandler) {
   const ProbeMessage* proto = AdoptProbe();
-  KelMsgBBCallbackManager::SetMessageID("job-1");
   ProbeLog senderLog;
-  const ProbeMessage outgoing(&senderLog, "ProbeMessage", std::string("a\0b", 3));
-
-  Dispatch(Frame(outgoing));
-
-  EXPECT_EQ(m_log.clones, 1);
-  EXPECT_EQ(m_log.unstreams, 1);
-  ASSERT_EQ(m_log.handled, 1);
-  EXPECT_EQ(m_log.ids[0], "job-1");
-  EXPECT_EQ(m_log.payloads[0], std::string("a\0b", 3));
+  const ProbeMessage outgoing(&senderLog, "ProbeMessage", std::string("x\0z", 3));
+  const std::pair<const char*, std::string> envelopes[] = {
+      {"", std::string("\0\0\0\0x\0z", 7)},
+      {"job-1", std::string("\5\0\0\0job-1x\0z", 12)},
+      {"\xC3\xA9", std::string("\2\0\0\0\xC3\xA9x\0z", 9)},
+  };
+  for (const auto& [id, expected] : envelopes) {
+    KelMsgBBCallbackManager::SetMessageID(id);
+    const std::vector<char> buffer = Frame(outgoing);
+    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), expected) << "id " << id;
+    EXPECT_STREQ(KelMsgBBCallbackManager::TypeOfPendingMessage(), "ProbeMessage");
+    Dispatch(buffer);
+  }
+  EXPECT_EQ(m_log.clones, 3);
+  ASSERT_EQ(m_log.handled, 3);
+  EXPECT_EQ(m_log.ids, (Strings{"", "job-1", "\xC3\xA9"}));
+  EXPECT_EQ(m_log.payloads, Strings(3, std::string("x\0z", 3)));
   EXPECT_NE(m_log.received[0], proto) << "the handler must get the clone";
-  EXPECT_EQ(m_log.destroyed, 1) << "the clone is deleted once the handler returns";
+  EXPECT_EQ(m_log.destroyed, 3) << "each clone is deleted once the handler returns";
   EXPECT_TRUE(proto->Payload().empty()) << "the prototype is never filled";
 }
 
-TEST_F(RegistryTest, EnvelopeCarriesTheIdentifierBytesBeforeThePayload) {
-  ProbeLog log;
-  const ProbeMessage msg(&log, "ProbeMessage", "xyz");
-  struct Case {
-    const char* id;
-    std::string expected;
-  };
-  const Case cases[] = {
-      {"", std::string("\0\0\0\0xyz", 7)},
-      {"job-1", std::string("\5\0\0\0job-1xyz", 12)},
-      {"\xC3\xA9", std::string("\2\0\0\0\xC3\xA9xyz", 9)},
-  };
-  for (const Case& c : cases) {
-    KelMsgBBCallbackManager::SetMessageID(c.id);
-    const std::vector<char> buffer = Frame(msg);
-    EXPECT_EQ(KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage(),
-              static_cast<int>(c.expected.size()));
-    EXPECT_EQ(std::string(buffer.begin(), buffer.end()), c.expected) << "id " << c.id;
-    EXPECT_STREQ(KelMsgBBCallbackManager::TypeOfPendingMessage(), "ProbeMessage");
+TEST_F(RegistryTest, WhatAnotherProcessGotWrongIsReportedAndReachesNoHandler) {
+  AdoptProbe();
+  const char* const kCount = "AssertionFailed:n >= 0 && n <= size - 4";
+  std::vector<std::pair<std::vector<char>, const char*>> cases;
+  for (std::size_t size = 0; size < 4; ++size)
+    cases.emplace_back(std::vector<char>(size, '\0'), "AssertionFailed:size >= 4");
+  for (const std::int32_t n : {-1, 4, INT32_MAX, INT32_MIN})
+    cases.emplace_back(Envelope(n, "abc"), kCount);
+  for (const auto& [buffer, report] : cases) {
+    FatalErrorCapture capture;
+    Dispatch(buffer);
+    EXPECT_EQ(capture.Messages(), Strings{report}) << buffer.size();
+    EXPECT_EQ(capture.Reports().at(0).path, kRegistryPath);
   }
-}
-
-TEST_F(RegistryTest, EmptyIdentifierReachesTheHandlerAsEmptyText) {
-  AdoptProbe();
-  Dispatch(Envelope(0, "p"));
-  ASSERT_EQ(m_log.handled, 1);
-  EXPECT_EQ(m_log.ids[0], "");
-  EXPECT_EQ(m_log.payloads[0], "p");
-}
-
-TEST_F(RegistryTest, ShortOrInconsistentEnvelopesAreRefusedWithoutCloning) {
-  AdoptProbe();
   FatalErrorCapture capture;
-  for (int size = 0; size < 4; ++size) {
-    const std::vector<char> shortBuffer(static_cast<std::size_t>(size), '\0');
-    Dispatch(shortBuffer);
-  }
-  Dispatch(Envelope(-1, "abc"));
-  Dispatch(Envelope(4, "abc"));
-  Dispatch(Envelope(INT32_MAX, ""));
-  Dispatch(Envelope(INT32_MIN, "abcd"));
-
-  EXPECT_EQ(m_log.clones, 0);
-  EXPECT_EQ(m_log.handled, 0);
-  const std::vector<std::string> expected = {
-      "AssertionFailed:size >= 4",
-      "AssertionFailed:size >= 4",
-      "AssertionFailed:size >= 4",
-      "AssertionFailed:size >= 4",
-      "AssertionFailed:n >= 0 && n <= size - 4",
-      "AssertionFailed:n >= 0 && n <= size - 4",
-      "AssertionFailed:n >= 0 && n <= size - 4",
-      "AssertionFailed:n >= 0 && n <= size - 4",
-  };
-  EXPECT_EQ(capture.Messages(), expected);
-  EXPECT_EQ(capture.Reports()[0].path, kRegistryPath);
-
-  // The registry keeps working after refusing.
-  Dispatch(Envelope(3, "abcdef"));
-  ASSERT_EQ(m_log.handled, 1);
-  EXPECT_EQ(m_log.ids[0], "abc");
-  EXPECT_EQ(m_log.payloads[0], "def");
-}
-
-TEST_F(RegistryTest, RefusedPayloadNeverReachesTheHandler) {
-  AdoptProbe();
-  FatalErrorCapture capture;
-  Dispatch(Envelope(0, "!bad"));
-  EXPECT_EQ(m_log.unstreams, 1);
-  EXPECT_EQ(m_log.handled, 0);
-  EXPECT_EQ(m_log.destroyed, 1) << "the refused clone is still released";
-  ASSERT_EQ(capture.Reports().size(), 1U);
-
-  Dispatch(Envelope(0, "good"));
-  EXPECT_EQ(m_log.handled, 1) << "a refusal does not stick to the next message";
-}
-
-TEST_F(RegistryTest, UnregisteredTypeIsReportedAndNotDispatched) {
-  AdoptProbe();
-  FatalErrorCapture capture;
-  EXPECT_FALSE(KelMsgBBCallbackManager::IsMessageTypeHandled("Unknown"));
-  EXPECT_TRUE(capture.Reports().empty()) << "asking is not a failure";
-
+  EXPECT_FALSE(KelMsgBBCallbackManager::IsMessageTypeHandled("Unknown"))
+      << "asking reports nothing";
   Dispatch(Envelope(0, "x"), "Unknown");
   EXPECT_EQ(m_log.clones, 0);
+  Dispatch(Envelope(0, "!bad"));  // refused by the message itself
+  EXPECT_EQ(capture.Messages(),
+            (Strings{"AssertionFailed:m_protos.IsMember(type)",
+                     "AssertionFailed:m_payload.empty() || m_payload[0] != '!'"}));
   EXPECT_EQ(m_log.handled, 0);
-  ASSERT_EQ(capture.Reports().size(), 1U);
-  EXPECT_EQ(capture.Reports()[0].message, "AssertionFailed:m_protos.IsMember(type)");
-  EXPECT_EQ(capture.Reports()[0].path, kRegistryPath);
+  EXPECT_EQ(m_log.destroyed, 1) << "the refused clone is released";
+
+  Dispatch(Envelope(3, "abcdef"));
+  ASSERT_EQ(m_log.handled, 1) << "a refusal does not stick to the next message";
+  EXPECT_EQ(m_log.ids[0], "abc");
+  EXPECT_EQ(m_log.payloads.back(), "def");
 }
 
 TEST_F(RegistryTest, DestructionDeletesEachPrototypeAndHandlerOnce) {
   ProbeLog log;
+  ProbeHandler* handlerOfA = nullptr;
   for (const char* type : {"B", "A", "C"}) {
-    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new ProbeMessage(&log, type),
-                                                      new ProbeHandler(&log));
+    auto* handler = new ProbeHandler(&log);
+    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new ProbeMessage(&log, type), handler);
+    if (std::string(type) == "A")
+      handlerOfA = handler;
   }
-  EXPECT_TRUE(KelMsgBBCallbackManager::IsMessageTypeHandled("A"));
-  { KelMsgBBCallbackManager registry; }
+  {
+    KelMsgBBCallbackManager registry;
+    EXPECT_TRUE(KelMsgBBCallbackManager::IsMessageTypeHandled("A"));
+    EXPECT_EQ(registry.GetHandler("A"), handlerOfA);
+  }
   EXPECT_EQ(log.destroyed, 3);
   EXPECT_EQ(log.handlersDestroyed, 3);
-  for (const char* type : {"A", "B", "C"}) {
+  for (const char* type : {"A", "B", "C"})
     EXPECT_FALSE(KelMsgBBCallbackManager::IsMessageTypeHandled(type));
-  }
-}
-
-TEST_F(RegistryTest, GetHandlerReturnsTheAdoptedHandler) {
-  ProbeLog log;
-  auto* handler = new ProbeHandler(&log);
-  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new ProbeMessage(&log, "T"), handler);
-  KelMsgBBCallbackManager registry;
-  EXPECT_EQ(registry.GetHandler("T"), handler);
 }
 
 class RecordingDisconnectHandler : public KelMsgBBDisconnectHandler {
@@ -211,7 +160,6 @@ TEST_F(RegistryTest, DisconnectionReachesTheLastInstalledHandler) {
 using RegistryDeathTest = RegistryTest;
 
 TEST_F(RegistryDeathTest, CallerContractsEndTheProcess) {
-  ProbeLog log;
   EXPECT_DEATH(KelMsgBBCallbackManager::AdoptPrototypeAndHandler(nullptr, nullptr),
                "AssertionFailed:proto != NULL -- "
                "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgBBCallbackManager, line [0-9]+");
@@ -219,12 +167,9 @@ TEST_F(RegistryDeathTest, CallerContractsEndTheProcess) {
                "AssertionFailed:m_messageToSend != 0");
   EXPECT_DEATH(KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage(),
                "AssertionFailed:m_messageToSend != 0");
-  EXPECT_DEATH(
-      {
-        char buffer[8];
-        KelMsgBBCallbackManager::StreamPendingMessage(buffer, sizeof buffer);
-      },
-      "AssertionFailed:m_messageToSend != 0");
+  char buffer[8];
+  EXPECT_DEATH(KelMsgBBCallbackManager::StreamPendingMessage(buffer, sizeof buffer),
+               "AssertionFailed:m_messageToSend != 0");
   EXPECT_DEATH(KelMsgBBCallbackManager::Disconnection(1, "a", "h", "u"),
                "AssertionFailed:m_disconnectHandler != 0");
   EXPECT_DEATH(KelMsgBBCallbackManager().GetHandler("Nothing"),

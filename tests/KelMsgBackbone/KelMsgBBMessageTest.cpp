@@ -21,31 +21,20 @@ std::string PrintToString(const KelMsgBBMessage& msg, const char* prefix) {
   return printed;
 }
 
-TEST(KelMsgBBMessageTest, PrintWritesTheTypeLineWithItsPrefix) {
-  ProbeLog log;
-  const ProbeMessage msg(&log, "KelMsgStringType");
-  EXPECT_EQ(PrintToString(msg, "  "), "  Message Type: KelMsgStringType\n");
-  EXPECT_EQ(PrintToString(msg, nullptr), "Message Type: KelMsgStringType\n");
-}
-
-TEST(KelMsgBBMessageTest, SameTypeComparesNamesNotClasses) {
-  ProbeLog log;
+TEST(KelMsgBBMessageTest, ComparesTypesByNameAndPrintsTheTypeLine) {
   class OtherClass : public ProbeMessage {
     using ProbeMessage::ProbeMessage;
   };
-  const ProbeMessage a(&log, "Shared");
-  const OtherClass b(&log, "Shared");
-  const ProbeMessage c(&log, "Different");
-  EXPECT_TRUE(a.SameType(b));
-  EXPECT_TRUE(b.SameType(a));
-  EXPECT_FALSE(a.SameType(c));
-}
-
-TEST(KelMsgBBMessageTest, TypeWithoutTextReadsAsEmpty) {
   ProbeLog log;
-  const ProbeMessage msg(&log, nullptr);
-  EXPECT_STREQ(msg.Type(), "");
-  EXPECT_EQ(PrintToString(msg, ""), "Message Type: \n");
+  const ProbeMessage msg(&log, "Shared");
+  const OtherClass other(&log, "Shared");
+  const ProbeMessage none(&log, nullptr);
+  EXPECT_TRUE(msg.SameType(other) && other.SameType(msg));
+  EXPECT_FALSE(msg.SameType(none));
+  EXPECT_STREQ(none.Type(), "");
+  EXPECT_EQ(PrintToString(msg, "  "), "  Message Type: Shared\n");
+  EXPECT_EQ(PrintToString(msg, nullptr), "Message Type: Shared\n");
+  EXPECT_EQ(PrintToString(none, ""), "Message Type: \n");
 }
 
 }  // namespace

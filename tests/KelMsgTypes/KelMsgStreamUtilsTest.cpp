@@ -1,7 +1,8 @@
 #include <KelMsgFeaMessaging/KelMsgStreamUtils.h>
 
-#include <climits>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,127 +11,68 @@
 
 namespace {
 
-constexpr char kReaderPath[] = "KelMsgFeaMessaging/platform/KelMsgPayloadReader";
-
-Bytes StreamOne(const KelString& text, int& offset) {
-  Bytes buffer(static_cast<std::size_t>(4 + text.GetLengthInByte()));
-  offset = 0;
-  KelMsgStreamUtils::StreamKelString(text, reinterpret_cast<char*>(buffer.data()), offset);
-  return buffer;
+const char* Chars(const Bytes& bytes) {
+  return reinterpret_cast<const char*>(bytes.data());
 }
 
-TEST(KelMsgStreamUtilsTest, EmptyStringIsFourZeroBytesBothWays) {
-  int written = 0;
-  const Bytes bytes = StreamOne(KelString(""), written);
-  EXPECT_EQ(bytes, Hex({0, 0, 0, 0}));
-  EXPECT_EQ(written, 4);
-
-  KelString target("old value");
-  int read = 0;
-  KelMsgStreamUtils::UnstreamKelString(target, reinterpret_cast<const char*>(bytes.data()), read);
-  EXPECT_STREQ(target.GetUTF8(), "");
-  EXPECT_EQ(read, 4);
-}
-
-TEST(KelMsgStreamUtilsTest, CountIsInBytesNotCharacters) {
-  int written = 0;
-  EXPECT_EQ(StreamOne(KelString("\xC3\xA9"), written), Hex({0x02, 0, 0, 0, 0xC3, 0xA9}));
-  EXPECT_EQ(written, 6);
-
-  const KelString text(
-      "Gr\xC3\xB6\xC3\x9F"
-      "e \xE2\x82\xAC \xF0\x9F\x93\x84");  // Größe € 📄
-  const Bytes bytes = StreamOne(text, written);
-  EXPECT_EQ(bytes[0], 16);
-  KelString back;
-  int read = 0;
-  KelMsgStreamUtils::UnstreamKelString(back, reinterpret_cast<const char*>(bytes.data()), read);
-  EXPECT_TRUE(back == text);
-  EXPECT_EQ(read, written);
-}
-
-TEST(KelMsgStreamUtilsTest, StringsReadBackInOrderAtTheWritersOffsets) {
-  const KelString first("solver"), second(""), third("job\xE2\x82\xAC");
-  char buffer[64];
+TEST(KelMsgStreamUtilsTest, WritesCountedStringsAtTheOffsetAndMovesIt) {
+  Bytes buffer(20);
+  std::vector<int> ends;
   int offset = 0;
-  std::vector<int> writerOffsets;
-  for (const KelString* text : {&first, &second, &third}) {
-    KelMsgStreamUtils::StreamKelString(*text, buffer, offset);
-    writerOffsets.push_back(offset);
+  for (const char* text : {"solver", "", "\xC3\xA9"}) {
+    KelMsgStreamUtils::StreamKelString(KelString(text), reinterpret_cast<char*>(buffer.data()),
+                                       offset);
+    ends.push_back(offset);
   }
-  EXPECT_EQ(writerOffsets, (std::vector<int>{10, 14, 24}));
-
-  KelString back[3];
-  offset = 0;
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_TRUE(
-        KelMsgStreamUtils::UnstreamKelString(back[i], buffer, writerOffsets.back(), offset));
-    EXPECT_EQ(offset, writerOffsets[static_cast<std::size_t>(i)]);
-  }
-  EXPECT_TRUE(back[0] == first);
-  EXPECT_TRUE(back[1] == second);
-  EXPECT_TRUE(back[2] == third);
+  EXPECT_EQ(ends, (std::vector<int>{10, 14, 20}));
+  EXPECT_EQ(buffer, PayloadBuilder().Counted("solver").Counted("").Counted("\xC3\xA9").Get());
 }
 
-TEST(KelMsgStreamUtilsTest, NulInsideCountedBytesEndsTheTextButNotTheField) {
-  const Bytes payload = PayloadBuilder().Counted(std::string("ab\0cd", 5)).Counted("next").Get();
-  const auto* bytes = reinterpret_cast<const char*>(payload.data());
-  const int size = static_cast<int>(payload.size());
-  for (const bool bounded : {false, true}) {
-    KelString head, next;
-    int offset = 0;
-    if (bounded) {
-      ASSERT_TRUE(KelMsgStreamUtils::UnstreamKelString(head, bytes, size, offset));
-      ASSERT_TRUE(KelMsgStreamUtils::UnstreamKelString(next, bytes, size, offset));
-    } else {
-      KelMsgStreamUtils::UnstreamKelString(head, bytes, offset);
-      KelMsgStreamUtils::UnstreamKelString(next, bytes, offset);
-    }
-    EXPECT_STREQ(head.GetUTF8(), "ab");
-    EXPECT_STREQ(next.GetUTF8(), "next");
-    EXPECT_EQ(offset, size);
+// Counts are in bytes; a NUL ends the text but not the field.  Both readers
+// take the fields in turn and end where each ends.
+TEST(KelMsgStreamUtilsTest, ReadsCountedStringsFromTheOffsetAndMovesIt) {
+  const Bytes payload = PayloadBuilder()
+                            .Counted("solver")
+                            .Counted(std::string("ab\0cd", 5))
+                            .Counted("\xC3\xA9")
+                            .Get();
+  const char* texts[] = {"solver", "ab", "\xC3\xA9"};
+  const int ends[] = {10, 19, 25};
+  int unbounded = 0;
+  int bounded = 0;
+  for (std::size_t i = 0; i < 3; ++i) {
+    KelString first("old"), second("old");
+    KelMsgStreamUtils::UnstreamKelString(first, Chars(payload), unbounded);
+    EXPECT_TRUE(KelMsgStreamUtils::UnstreamKelString(second, Chars(payload), 25, bounded));
+    EXPECT_STREQ(first.GetUTF8(), texts[i]);
+    EXPECT_STREQ(second.GetUTF8(), texts[i]);
+    EXPECT_EQ(unbounded, ends[i]);
+    EXPECT_EQ(bounded, ends[i]);
   }
 }
 
 TEST(KelMsgStreamUtilsTest, BoundedReadRefusesBadCountsAndLeavesItsOutputsAlone) {
-  struct Case {
-    Bytes payload;
-    const char* report;
-  };
-  const Case cases[] = {
+  const char* const kTooLong = "AssertionFailed:byteCount <= bytesLeft";
+  const std::pair<Bytes, const char*> cases[] = {
       {PayloadBuilder().Int32(-1).Raw("abc").Get(), "AssertionFailed:byteCount >= 0"},
-      {PayloadBuilder().Int32(INT_MIN).Get(), "AssertionFailed:byteCount >= 0"},
-      {PayloadBuilder().Int32(4).Raw("abc").Get(), "AssertionFailed:byteCount <= bytesLeft"},
-      {PayloadBuilder().Int32(INT_MAX).Raw("abc").Get(), "AssertionFailed:byteCount <= bytesLeft"},
-      {Hex({3, 0, 0}), "AssertionFailed:byteCount <= bytesLeft"},
-      {Bytes(), "AssertionFailed:byteCount <= bytesLeft"},
+      {PayloadBuilder().Int32(4).Raw("abc").Get(), kTooLong},
+      {Hex({3, 0, 0}), kTooLong},
   };
-  for (const Case& c : cases) {
+  for (const auto& [payload, report] : cases) {
     FatalErrorCapture capture;
     // An exact copy, so that a read past the end is caught.
-    const std::unique_ptr<char[]> exact(new char[c.payload.size()]);
-    std::copy(c.payload.begin(), c.payload.end(), exact.get());
+    const std::unique_ptr<char[]> exact(new char[payload.size()]);
+    std::copy(payload.begin(), payload.end(), exact.get());
     KelString target("kept");
     int offset = 0;
     EXPECT_FALSE(KelMsgStreamUtils::UnstreamKelString(target, exact.get(),
-                                                      static_cast<int>(c.payload.size()), offset));
+                                                      static_cast<int>(payload.size()), offset));
     EXPECT_STREQ(target.GetUTF8(), "kept");
     EXPECT_EQ(offset, 0);
     ASSERT_EQ(capture.Reports().size(), 1U);
-    EXPECT_EQ(capture.Reports()[0].message, c.report);
-    EXPECT_EQ(capture.Reports()[0].path, kReaderPath);
+    EXPECT_EQ(capture.Reports()[0].message, report);
+    EXPECT_EQ(capture.Reports()[0].path, "KelMsgFeaMessaging/platform/KelMsgPayloadReader");
   }
-}
-
-TEST(KelMsgStreamUtilsTest, BoundedReadStartsAtTheGivenOffset) {
-  const Bytes payload = PayloadBuilder().Raw("xx").Counted("tail").Get();
-  KelString target;
-  int offset = 2;
-  EXPECT_TRUE(KelMsgStreamUtils::UnstreamKelString(target,
-                                                   reinterpret_cast<const char*>(payload.data()),
-                                                   static_cast<int>(payload.size()), offset));
-  EXPECT_STREQ(target.GetUTF8(), "tail");
-  EXPECT_EQ(offset, 10);
 }
 
 TEST(KelMsgStreamUtilsDeathTest, CallerContracts) {
@@ -138,12 +80,10 @@ TEST(KelMsgStreamUtilsDeathTest, CallerContracts) {
   const Bytes negative = PayloadBuilder().Int32(-2).Get();
   KelString target;
   int offset = 0;
-  EXPECT_DEATH(KelMsgStreamUtils::UnstreamKelString(
-                   target, reinterpret_cast<const char*>(negative.data()), offset),
+  EXPECT_DEATH(KelMsgStreamUtils::UnstreamKelString(target, Chars(negative), offset),
                "AssertionFailed:count >= 0");
   offset = 5;
-  EXPECT_DEATH(KelMsgStreamUtils::UnstreamKelString(
-                   target, reinterpret_cast<const char*>(negative.data()), 4, offset),
+  EXPECT_DEATH(KelMsgStreamUtils::UnstreamKelString(target, Chars(negative), 4, offset),
                "AssertionFailed:0 <= offset && offset <= size");
 }
 

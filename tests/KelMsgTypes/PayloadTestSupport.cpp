@@ -60,8 +60,3 @@ MemoryStream::~MemoryStream() {
 std::string MemoryStream::Flushed() const {
   return m_text == nullptr ? std::string() : std::string(m_text, m_length);
 }
-
-std::string MemoryStream::Text() {
-  std::fflush(m_stream);
-  return Flushed();
-}

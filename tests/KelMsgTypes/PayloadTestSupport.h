@@ -44,7 +44,7 @@ bool UnstreamIsRefused(KelMsgBBMessage& msg, const Bytes& payload);
 Bytes WithInt32At(Bytes payload, std::size_t offset, std::int32_t value);
 
 // A stdio stream into memory.  Flushed() shows only what has reached memory
-// through a flush; Text() flushes first.
+// through a flush.
 class MemoryStream {
  public:
   MemoryStream();
@@ -54,7 +54,6 @@ class MemoryStream {
 
   FILE* Get() const { return m_stream; }
   std::string Flushed() const;
-  std::string Text();
 
  private:
   char* m_text = nullptr;

@@ -21,39 +21,31 @@ std::vector<int> Candidates(const std::string& portList, int count) {
 
 using Ports = std::vector<int>;
 
-TEST(KelMsgPortFinderParseTest, WalksEveryRangeInOrderAndStartsAgain) {
-  EXPECT_EQ(Candidates("500", 3), (Ports{500, 500, 500}));
-  EXPECT_EQ(Candidates("500-502,600-601", 7), (Ports{500, 501, 502, 600, 601, 500, 501}));
-  EXPECT_EQ(Candidates("600-601,500", 4), (Ports{600, 601, 500, 600}));
-  EXPECT_EQ(Candidates("500-501,500", 4), (Ports{500, 501, 500, 500}));
-}
-
-TEST(KelMsgPortFinderParseTest, SkipsItemsThatDoNotReadAndKeepsTheOthers) {
-  EXPECT_EQ(Candidates("502-500,0,500x,500-50a,700,701-701", 3), (Ports{700, 701, 700}));
-  EXPECT_EQ(Candidates("abc,700", 2), (Ports{700, 700}));
-  EXPECT_EQ(Candidates("0-10,0x10,800 ,-0,900", 2), (Ports{900, 900}));
-  EXPECT_EQ(Candidates(" 800,+801,010", 3), (Ports{800, 801, 10}));
-}
-
-TEST(KelMsgPortFinderParseTest, ReadsOnlyTheFirstTwoNumbersOfAnItem) {
-  EXPECT_EQ(Candidates("500-502-510", 4), (Ports{500, 501, 502, 500}));
-  EXPECT_EQ(Candidates("500-", 2), (Ports{500, 500}));
-}
-
-TEST(KelMsgPortFinderParseTest, RunsOfSeparatorsCountAsOne) {
-  EXPECT_EQ(Candidates("500,,600", 3), (Ports{500, 600, 500}));
-  EXPECT_EQ(Candidates(",500--501,", 3), (Ports{500, 501, 500}));
-  EXPECT_EQ(Candidates("-3", 2), (Ports{3, 3}));
-}
-
-TEST(KelMsgPortFinderParseTest, EmptyOrInvalidSpecificationHasNoCandidate) {
-  for (const char* portList : {"", ",", ",,,", "abc", "0", "0-10", "510-500,x-1"}) {
-    EXPECT_EQ(Candidates(portList, 3), (Ports{0, 0, 0})) << "list \"" << portList << "\"";
+TEST(KelMsgPortFinderParseTest, WalksEveryRangeThatReadsInOrderAndStartsAgain) {
+  const struct {
+    const char* portList;
+    Ports candidates;
+  } cases[] = {
+      {"500", {500, 500, 500}},
+      {"500-502,600-601", {500, 501, 502, 600, 601, 500, 501}},
+      {"600-601,500", {600, 601, 500, 600}},
+      {"500-501,500", {500, 501, 500, 500}},
+      {"502-500,0,500x,500-50a,700,701-701", {700, 701, 700}},
+      {"abc,700", {700, 700}},
+      {"0-10,0x10,800 ,-0,900", {900, 900}},
+      {" 800,+801,010", {800, 801, 10}},
+      {"500-502-510", {500, 501, 502, 500}},  // only the first two numbers count
+      {"500-", {500, 500}},
+      {",500--501,,600", {500, 501, 600, 500}},  // runs of separators count as one
+      {"-3", {3, 3}},
+      {"2147483646-2147483647", {2147483646, 2147483647, 2147483646}},  // no overflow
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Candidates(c.portList, static_cast<int>(c.candidates.size())), c.candidates)
+        << "list \"" << c.portList << "\"";
   }
-}
-
-TEST(KelMsgPortFinderParseTest, RangeEndingAtTheLargestIntDoesNotOverflow) {
-  EXPECT_EQ(Candidates("2147483646-2147483647", 3), (Ports{2147483646, 2147483647, 2147483646}));
+  for (const char* portList : {"", ",", ",,,", "abc", "0", "0-10", "510-500,x-1"})
+    EXPECT_EQ(Candidates(portList, 3), (Ports{0, 0, 0})) << "list \"" << portList << "\"";
 }
 
 class KelMsgPortFinderProbeTest : public ::testing::Test {
@@ -72,24 +64,15 @@ class KelMsgPortFinderProbeTest : public ::testing::Test {
   std::string m_portList;
 };
 
-TEST_F(KelMsgPortFinderProbeTest, ReturnsAFreePortAndGivesItUpAgain) {
-  m_ports.low->Close();
+TEST_F(KelMsgPortFinderProbeTest, ProbesOnFromTheLastCandidateSkippingHeldPorts) {
   m_ports.high->Close();
   KelMsgPortFinder finder = Finder();
-  EXPECT_EQ(finder.FindOpenPort(), m_low);
-  EXPECT_TRUE(ListeningSocket(static_cast<std::uint16_t>(m_low)).IsListening());
-  EXPECT_EQ(finder.FindOpenPort(), m_low + 1) << "the next search starts after the last port";
-}
-
-TEST_F(KelMsgPortFinderProbeTest, SkipsAPortHeldByAnotherSocketAndWraps) {
-  m_ports.high->Close();
-  KelMsgPortFinder finder = Finder();
-  EXPECT_EQ(finder.FindOpenPort(), m_low + 1);
-
+  EXPECT_EQ(finder.FindOpenPort(), m_low + 1) << "the low port is held";
+  EXPECT_TRUE(ListeningSocket(static_cast<std::uint16_t>(m_low + 1)).IsListening())
+      << "the probe gave the port up again";
   m_ports.low->Close();
-  const ListeningSocket holdHigh(static_cast<std::uint16_t>(m_low + 1));
-  ASSERT_TRUE(holdHigh.IsListening());
   EXPECT_EQ(finder.FindOpenPort(), m_low) << "the candidate after the last range is its first";
+  EXPECT_EQ(finder.FindOpenPort(), m_low + 1);
 }
 
 TEST_F(KelMsgPortFinderProbeTest, GivesUpAfterOneFullCycle) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -40,6 +41,8 @@ using Step = void (cow_BtreeIterator<int, int>::*)();
 Entries Walk(const IntMap& map, Step start, Step step) {
   Entries entries;
   cow_BtreeIterator<int, int> entry(map);
+  entry.First();
+  entry.Last();  // a start drops the path walked before
   for ((entry.*start)(); !entry.AtEnd(); (entry.*step)())
     entries.emplace_back(entry.Key(), entry.Value());
   return entries;
@@ -154,17 +157,14 @@ TEST(CowBtreeModel, SharingCopiesBehaveLikeIndependentStdMaps) {
         }
       } else if (operation < 860) {
         const int* found = maps[i]->ConstFind(key);
-        EXPECT_EQ(maps[i]->IsMember(key), models[i].count(key) == 1);
-        ASSERT_EQ(found != nullptr, models[i].count(key) == 1);
-        if (found != nullptr) {
-          EXPECT_EQ(*found, models[i].at(key));
-        }
-      } else if (operation < 930) {
-        maps[j] = std::make_unique<IntMap>(*maps[i]);
-        models[j] = models[i];
-        exactHeights[j] = exactHeights[i];
+        ASSERT_EQ(maps[i]->IsMember(key), models[i].count(key) == 1);
+        EXPECT_EQ(found ? *found : -1, maps[i]->IsMember(key) ? models[i].at(key) : -1);
       } else if (operation < 995) {
-        *maps[j] = *maps[i];
+        if (operation < 930) {
+          maps[j] = std::make_unique<IntMap>(*maps[i]);
+        } else {
+          *maps[j] = *maps[i];  // also onto itself, or onto a map sharing its root
+        }
         models[j] = models[i];
         exactHeights[j] = exactHeights[i];
       } else {
@@ -192,202 +192,81 @@ TEST(CowBtreeModel, SharingCopiesBehaveLikeIndependentStdMaps) {
 
 // The tree written out as key/height(left,right); the parentheses are left
 // out for a leaf.  "2/1(1/0,)" is 2, of height 1, over its left child 1.
-template <class V>
-std::string ShapeBelow(const typename cow_Btree<int, V>::Handle* handle) {
+std::string Shape(const Handle* handle) {
   if (handle == nullptr)
     return "";
-  const auto* node = handle->Referent();
+  const Node* node = handle->Referent();
   std::string shape = std::to_string(node->Key()) + "/" + std::to_string(node->Height());
   if (node->Left() != nullptr || node->Right() != nullptr)
-    shape += "(" + ShapeBelow<V>(node->Left()) + "," + ShapeBelow<V>(node->Right()) + ")";
+    shape += "(" + Shape(node->Left()) + "," + Shape(node->Right()) + ")";
   return shape;
 }
 
-template <class V>
-std::string Shape(const cow_Btree<int, V>& map) {
-  return ShapeBelow<V>(map.Root());
-}
-
-TEST(CowBtreeShape, AscendingKeysRotateLeftWhereOneSideIsTwoTaller) {
-  cow_Btree<int, KelMsgBBMessage*> map;
-  for (int key : {1, 2, 3})
-    ASSERT_TRUE(map.InsertUnlessMember(key, nullptr));
-  EXPECT_EQ(Shape(map), "1/2(,2/1(,3/0))");  // 2 against no child: no rotation
-  ASSERT_TRUE(map.InsertUnlessMember(4, nullptr));
-  EXPECT_EQ(Shape(map), "2/2(1/0,3/1(,4/0))");
-  EXPECT_EQ(map.Count(), 4u);
-  // 5 rotates at the root again; 7 makes 4 lean by two below the root.
-  for (int key : {5, 6, 7})
-    ASSERT_TRUE(map.InsertUnlessMember(key, nullptr));
-  EXPECT_EQ(Shape(map), "3/3(2/1(1/0,),5/2(4/0,6/1(,7/0)))");
-}
-
-TEST(CowBtreeShape, RemovalRebalancesWhereOneSideBecameTwoTaller) {
-  IntMap atRoot;
-  for (int key : {10, 5, 20, 3, 15, 25, 30})
-    ASSERT_TRUE(atRoot.InsertUnlessMember(key, key));
-  ASSERT_EQ(Shape(atRoot), "10/3(5/1(3/0,),20/2(15/0,25/1(,30/0)))");
-  ASSERT_TRUE(atRoot.Remove(3));  // the leaf 5 against 20's height 2
-  EXPECT_EQ(Shape(atRoot), "20/2(10/1(5/0,15/0),25/1(,30/0))");
-
-  IntMap below;
-  for (int key : {100, 50, 200, 25, 75, 150, 250, 10, 125, 220, 300, 310})
-    ASSERT_TRUE(below.InsertUnlessMember(key, key));
-  ASSERT_TRUE(below.Remove(125));  // the leaf 150 against 250's height 2
-  EXPECT_EQ(Shape(below), "100/3(50/2(25/1(10/0,),75/0),250/2(200/1(150/0,220/0),300/1(,310/0)))");
-}
-
-TEST(CowBtreeShape, RemovalTakesTheInOrderSuccessor) {
-  IntMap map;
-  for (int key : {10, 5, 20, 3, 15, 12})
-    ASSERT_TRUE(map.InsertUnlessMember(key, key));
-  ASSERT_EQ(Shape(map), "10/3(5/1(3/0,),20/2(15/1(12/0,),))");
-  // 12, the leftmost of 20 -> 15 -> 12, takes 10's place.  15 is brought up
-  // to date, 20 above it keeps height 2, and 12 is measured from that.
-  ASSERT_TRUE(map.Remove(10));
-  EXPECT_EQ(Shape(map), "12/3(5/1(3/0,),20/2(15/0,))");
-  // Without a left child, the right child 20 is itself the successor.
-  ASSERT_TRUE(map.Remove(15));
-  ASSERT_TRUE(map.Remove(12));
-  EXPECT_EQ(Shape(map), "20/2(5/1(3/0,),)");
-  EXPECT_EQ(map.Count(), 3u);
-}
-
-TEST(CowBtreeRemove, AbsentKeyEmptyMapAndLastEntry) {
-  IntMap map;
-  EXPECT_FALSE(map.Remove(1));
-  EXPECT_EQ(map.Root(), nullptr);
-
-  for (int key : {2, 1, 3})
-    map.InsertUnlessMember(key, key);
-  const Handle* root = map.Root();
-  const Node* rootNode = root->Referent();
-  EXPECT_FALSE(map.Remove(9));
-  EXPECT_EQ(map.Root(), root);
-  EXPECT_EQ(map.Root()->Referent(), rootNode);
-  EXPECT_EQ(map.Count(), 3u);
-  EXPECT_EQ(Forward(map), (Entries{{1, 1}, {2, 2}, {3, 3}}));
-
-  IntMap single;
-  single.InsertUnlessMember(5, 50);
-  EXPECT_TRUE(single.Remove(5));
-  EXPECT_EQ(single.Root(), nullptr);
-  EXPECT_EQ(single.Count(), 0u);
-  EXPECT_FALSE(single.Remove(5));
-}
-
-// Keys 1..7 inserted so that the tree is complete: 4 at the root, 2 and 6
-// below it, the odd keys as leaves.
-IntMap CompleteTree() {
-  IntMap map;
-  for (int key : {4, 2, 6, 1, 3, 5, 7})
-    map.InsertUnlessMember(key, key * 10);
-  return map;
-}
-
-TEST(CowBtreeCopy, InsertIntoACopyCopiesOnlyItsSearchPath) {
-  const IntMap original = CompleteTree();
-  IntMap copy(original);
-  EXPECT_EQ(copy.Root()->Referent(), original.Root()->Referent());
-  EXPECT_EQ(original.Root()->RefCount(), 2u);
-
-  ASSERT_TRUE(copy.InsertUnlessMember(8, 80));  // path 4 -> 6 -> 7
-  EXPECT_EQ(original.Count(), 7u);
-  EXPECT_EQ(copy.Count(), 8u);
-  EXPECT_EQ(original.ConstFind(8), nullptr);
-  EXPECT_EQ(KeysOnlyIn(copy, original), (std::set<int>{4, 6, 7, 8}));
-  EXPECT_EQ(KeysOnlyIn(original, copy), (std::set<int>{4, 6, 7}));
-  EXPECT_EQ(NodeWithKey(copy, 2), NodeWithKey(original, 2));
-  EXPECT_EQ(NodeWithKey(copy, 5), NodeWithKey(original, 5));
-  EXPECT_EQ(original.Root()->RefCount(), 1u);
-  ExpectCountsMatchHolders({&original, &copy});
-
-  const IntMap empty;
-  const IntMap emptyCopy(empty);
-  EXPECT_EQ(emptyCopy.Root(), nullptr);
-  EXPECT_EQ(emptyCopy.Count(), 0u);
-}
-
-TEST(CowBtreeCopy, PresentKeyInsertAndAbsentKeyFindStillUnshareThePath) {
-  const IntMap original = CompleteTree();
-  IntMap inserted(original);
-  EXPECT_FALSE(inserted.InsertUnlessMember(5, 999));  // path 4 -> 6 -> 5
-  EXPECT_EQ(*inserted.ConstFind(5), 50);
-  EXPECT_EQ(*original.ConstFind(5), 50);
-  EXPECT_EQ(inserted.Count(), 7u);
-  EXPECT_EQ(KeysOnlyIn(inserted, original), (std::set<int>{4, 6, 5}));
-
-  IntMap found(original);
-  EXPECT_EQ(found.Find(0), nullptr);  // path 4 -> 2 -> 1
-  EXPECT_EQ(KeysOnlyIn(found, original), (std::set<int>{4, 2, 1}));
-  ExpectCountsMatchHolders({&original, &inserted, &found});
-}
-
-TEST(CowBtreeCopy, AssignmentReusesTheRootHandleAndSharesTheOtherRoot) {
-  const IntMap source = CompleteTree();
-  IntMap target;
-  target.InsertUnlessMember(100, 1);
-  const Handle* targetRoot = target.Root();
-  target = source;
-  EXPECT_EQ(target.Root(), targetRoot);
-  EXPECT_EQ(target.Root()->Referent(), source.Root()->Referent());
-  EXPECT_EQ(target.Count(), 7u);
-  EXPECT_EQ(source.Root()->RefCount(), 2u);
-
-  target = source;  // already sharing that root: the count must stay right
-  IntMap& alias = target;
-  target = alias;
-  EXPECT_EQ(source.Root()->RefCount(), 2u);
-
-  IntMap empty;
-  empty = source;
-  EXPECT_EQ(source.Root()->RefCount(), 3u);
-  target = IntMap();
-  EXPECT_EQ(target.Root(), nullptr);
-  EXPECT_EQ(target.Count(), 0u);
-  EXPECT_EQ(source.Root()->RefCount(), 2u);
-  EXPECT_EQ(Forward(empty), Forward(source));
-}
-
-TEST(CowBtreeIterator, WalksBothWaysAndStartsAtTheEndOfAnEmptyMap) {
-  const IntMap empty;
-  cow_BtreeIterator<int, int> none(empty);
-  EXPECT_TRUE(none.AtEnd());
-  none.First();
-  EXPECT_TRUE(none.AtEnd());
-  none.Last();
-  EXPECT_TRUE(none.AtEnd());
-
-  const IntMap map = CompleteTree();
-  cow_BtreeIterator<int, int> entry(map);
-  entry.Last();
-  entry.Previous();
-  entry.Previous();
-  EXPECT_EQ(entry.Key(), 5);
-  entry.Next();
-  EXPECT_EQ(entry.Key(), 6);
-  EXPECT_EQ(entry.Value(), 60);
-  entry.First();  // restarts from a stack that was not empty
-  EXPECT_EQ(entry.Key(), 1);
-  entry.Previous();
-  EXPECT_TRUE(entry.AtEnd());
-}
-
-class NaturalOrderSetting {
- public:
-  explicit NaturalOrderSetting(int natural) : m_previous(atr_getNaturalOrder()) {
-    atr_setNaturalOrder(natural);
+// Keys inserted, then removed, and the tree that results.
+TEST(CowBtreeShape, RotatesWhereOneSideIsTwoTallerAndRemovesThroughTheSuccessor) {
+  const struct {
+    std::vector<int> inserted;
+    std::vector<int> removed;
+    const char* shape;
+  } cases[] = {
+      {{1, 2, 3}, {}, "1/2(,2/1(,3/0))"},  // 2 against no child: no rotation
+      {{1, 2, 3, 4}, {}, "2/2(1/0,3/1(,4/0))"},
+      // 5 rotates at the root again; 7 makes 4 lean by two below the root.
+      {{1, 2, 3, 4, 5, 6, 7}, {}, "3/3(2/1(1/0,),5/2(4/0,6/1(,7/0)))"},
+      // The leaf 5 against 20's height 2.
+      {{10, 5, 20, 3, 15, 25, 30}, {3}, "20/2(10/1(5/0,15/0),25/1(,30/0))"},
+      // The leaf 150 against 250's height 2, below the root.
+      {{100, 50, 200, 25, 75, 150, 250, 10, 125, 220, 300, 310},
+       {125},
+       "100/3(50/2(25/1(10/0,),75/0),250/2(200/1(150/0,220/0),300/1(,310/0)))"},
+      // 12, the leftmost of 20 -> 15 -> 12, takes 10's place; 15 is brought
+      // up to date, 20 above it keeps height 2, and 12 is measured from that.
+      {{10, 5, 20, 3, 15, 12}, {10}, "12/3(5/1(3/0,),20/2(15/0,))"},
+      // Without a left child, the right child 20 is itself the successor.
+      {{10, 5, 20, 3, 15, 12}, {10, 15, 12}, "20/2(5/1(3/0,),)"},
+  };
+  for (const auto& c : cases) {
+    IntMap map;
+    for (int key : c.inserted)
+      ASSERT_TRUE(map.InsertUnlessMember(key, key));
+    for (int key : c.removed)
+      ASSERT_TRUE(map.Remove(key));
+    EXPECT_EQ(Shape(map.Root()), c.shape);
+    EXPECT_EQ(map.Count(), c.inserted.size() - c.removed.size());
   }
-  ~NaturalOrderSetting() { atr_setNaturalOrder(m_previous); }
+}
 
- private:
-  int m_previous;
-};
+// A write to a copy copies exactly the nodes on its search path, also when
+// it changes nothing.  Keys 1..7 make a complete tree: 4 at the root, 2 and
+// 6 below it, the odd keys as leaves.
+TEST(CowBtreeCopy, AWriteCopiesOnlyItsSearchPath) {
+  IntMap original;
+  for (int key : {4, 2, 6, 1, 3, 5, 7})
+    original.InsertUnlessMember(key, key * 10);
+  const struct {
+    std::function<void(IntMap&)> write;
+    std::set<int> copied;
+  } cases[] = {
+      {[](IntMap& map) { EXPECT_TRUE(map.InsertUnlessMember(8, 80)); }, {4, 6, 7}},
+      {[](IntMap& map) { EXPECT_FALSE(map.InsertUnlessMember(5, 999)); }, {4, 6, 5}},
+      {[](IntMap& map) { EXPECT_EQ(map.Find(0), nullptr); }, {4, 2, 1}},
+  };
+  for (const auto& c : cases) {
+    IntMap copy(original);
+    EXPECT_EQ(copy.Root()->Referent(), original.Root()->Referent());
+    c.write(copy);
+    EXPECT_EQ(KeysOnlyIn(original, copy), c.copied);
+    EXPECT_EQ(Forward(original),
+              (Entries{{1, 10}, {2, 20}, {3, 30}, {4, 40}, {5, 50}, {6, 60}, {7, 70}}));
+    ExpectCountsMatchHolders({&original, &copy});
+  }
+}
 
 using StringMap = cow_Btree<cow_String, KelMsgBBMessageHandler*>;
+using Strings = std::vector<std::string>;
 
-std::vector<std::string> Texts(const StringMap& map) {
-  std::vector<std::string> texts;
+Strings Texts(const StringMap& map) {
+  Strings texts;
   cow_BtreeIterator<cow_String, KelMsgBBMessageHandler*> entry(map);
   for (entry.First(); !entry.AtEnd(); entry.Next())
     texts.emplace_back(entry.Key().GetText());
@@ -402,22 +281,16 @@ StringMap Items() {
 }
 
 TEST(CowBtreeOrder, NaturalOrderSwitchIsReadAtEveryComparison) {
-  StringMap natural;
-  {
-    NaturalOrderSetting on(1);
-    natural = Items();
-    EXPECT_EQ(Texts(natural), (std::vector<std::string>{"item1", "item2", "item10"}));
-  }
-  {
-    NaturalOrderSetting off(0);
-    EXPECT_EQ(Texts(Items()), (std::vector<std::string>{"item1", "item10", "item2"}));
-    // The tree was sorted the natural way: byte order now looks for item2
-    // right of item10, where it is not.
-    EXPECT_FALSE(natural.IsMember("item2"));
-    EXPECT_TRUE(natural.IsMember("item10"));
-  }
-  NaturalOrderSetting on(1);
+  ASSERT_EQ(atr_getNaturalOrder(), 0) << "byte order when the library is loaded";
+  EXPECT_EQ(Texts(Items()), (Strings{"item1", "item10", "item2"}));
+  atr_setNaturalOrder(1);
+  const StringMap natural = Items();
+  EXPECT_EQ(Texts(natural), (Strings{"item1", "item2", "item10"}));
   EXPECT_TRUE(natural.IsMember("item2"));
+  atr_setNaturalOrder(0);
+  // Byte order now looks for item2 right of item10, where it is not.
+  EXPECT_FALSE(natural.IsMember("item2"));
+  EXPECT_TRUE(natural.IsMember("item10"));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include <KelMsgFeaMessaging/KelBasUtlFilePath.h>
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -32,43 +30,34 @@ class CurrentDirectory {
   fs::path m_previous;
 };
 
-TEST(KelBasUtlFilePathTest, RelativePathLiesInBaseAbsolutePathStandsAlone) {
-  EXPECT_EQ(Absolute("job/file.dat", "/data/base"), "/data/base/job/file.dat");
-  EXPECT_EQ(Absolute("/other/file.dat", "/data/base"), "/other/file.dat");
-  EXPECT_EQ(Absolute("/", "/data/base"), "/");
+// Joining file, job and base directory is KelMsgPathExplorerTest's.
+TEST(KelBasUtlFilePathTest, NormalisesLexically) {
+  const struct {
+    const char* path;
+    const char* base;
+    const char* absolute;
+  } cases[] = {
+      {"/", "/data/base", "/"},
+      {"job/", "/data///base/", "/data/base/job"},
+      {"../../../..", "/data/base", "/"},
+      {".", "/data/base/.", "/data/base"},
+      {"", "/", "/"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(Absolute(c.path, c.base), c.absolute) << c.path << " in " << c.base;
 }
 
-TEST(KelBasUtlFilePathTest, NormalisesDotsAndSeparatorsLexically) {
-  EXPECT_EQ(Absolute("./job//sub/../file.dat", "/data///base/"), "/data/base/job/file.dat");
-  EXPECT_EQ(Absolute("job/", "/data/base"), "/data/base/job");
-  EXPECT_EQ(Absolute("../../../..", "/data/base"), "/");
-  EXPECT_EQ(Absolute(".", "/data/base/."), "/data/base");
-}
-
-TEST(KelBasUtlFilePathTest, EmptyPathNamesTheBase) {
-  EXPECT_EQ(Absolute("", "/data/base/"), "/data/base");
-  EXPECT_EQ(Absolute("", "/"), "/");
-}
-
-TEST(KelBasUtlFilePathTest, RelativeOrEmptyBaseIsReadAgainstTheCurrentDirectory) {
+TEST(KelBasUtlFilePathTest, RelativeOrEmptyBaseIsReadAgainstTheCurrentDirectoryWhenBuilt) {
   ScratchDirectory scratch;
+  ScratchDirectory elsewhere;
   const CurrentDirectory inScratch(scratch.Path());
   const std::string here = scratch.Path().string();
   EXPECT_EQ(Absolute("file.dat", "jobs/j1"), here + "/jobs/j1/file.dat");
   EXPECT_EQ(Absolute("file.dat", ""), here + "/file.dat");
-  EXPECT_EQ(Absolute("", ""), here);
   EXPECT_EQ(Absolute("../x", "jobs"), here + "/x");
-}
-
-TEST(KelBasUtlFilePathTest, NameIsFixedWhenTheObjectIsBuilt) {
-  ScratchDirectory first;
-  ScratchDirectory second;
-  const CurrentDirectory inFirst(first.Path());
-  const KelBasUtlFilePath path(cow_String("file.dat"), cow_String(""));
-  {
-    const CurrentDirectory inSecond(second.Path());
-    EXPECT_EQ(std::string(path.AbsolutePathName().GetText()), first / "file.dat");
-  }
+  const KelBasUtlFilePath none{cow_String(), cow_String()};  // strings without text read as ""
+  const CurrentDirectory inElsewhere(elsewhere.Path());
+  EXPECT_EQ(std::string(none.AbsolutePathName().GetText()), here);
 }
 
 TEST(KelBasUtlFilePathTest, ExistsSeesFilesDirectoriesAndDanglingLinks) {
@@ -77,20 +66,10 @@ TEST(KelBasUtlFilePathTest, ExistsSeesFilesDirectoriesAndDanglingLinks) {
   fs::create_directory(scratch / "dir");
   fs::create_symlink(scratch / "missing", scratch / "dangling");
   const cow_String base(scratch.Path().c_str());
-
-  EXPECT_TRUE(KelBasUtlFilePath(cow_String("file.dat"), base).Exists());
-  EXPECT_TRUE(KelBasUtlFilePath(cow_String("dir"), base).Exists());
-  EXPECT_TRUE(KelBasUtlFilePath(cow_String("dir/../file.dat"), base).Exists());
-  EXPECT_TRUE(KelBasUtlFilePath(cow_String("dangling"), base).Exists());
-  EXPECT_FALSE(KelBasUtlFilePath(cow_String("missing"), base).Exists());
-  EXPECT_FALSE(KelBasUtlFilePath(cow_String("dir/missing/file.dat"), base).Exists());
-}
-
-TEST(KelBasUtlFilePathTest, StringsWithoutTextReadAsEmpty) {
-  ScratchDirectory scratch;
-  const CurrentDirectory inScratch(scratch.Path());
-  EXPECT_EQ(std::string(KelBasUtlFilePath(cow_String(), cow_String()).AbsolutePathName().GetText()),
-            scratch.Path().string());
+  for (const char* present : {"file.dat", "dir", "dir/../file.dat", "dangling"})
+    EXPECT_TRUE(KelBasUtlFilePath(cow_String(present), base).Exists()) << present;
+  for (const char* absent : {"missing", "dir/missing/file.dat"})
+    EXPECT_FALSE(KelBasUtlFilePath(cow_String(absent), base).Exists()) << absent;
 }
 
 }  // namespace
