@@ -43,6 +43,9 @@ TEST(KelBasUtlFilePathTest, NormalisesDotsAndSeparatorsLexically) {
   EXPECT_EQ(Absolute("job/", "/data/base"), "/data/base/job");
   EXPECT_EQ(Absolute("../../../..", "/data/base"), "/");
   EXPECT_EQ(Absolute(".", "/data/base/."), "/data/base");
+  EXPECT_EQ(Absolute("//data//base", "/"), "/data/base");
+  EXPECT_EQ(Absolute("", "//"), "/");
+  EXPECT_EQ(Absolute("///", "/data"), "/");
 }
 
 TEST(KelBasUtlFilePathTest, EmptyPathNamesTheBase) {
