@@ -38,12 +38,13 @@ int BoundedLength(const char* bytes, int length) {
 
 bool IsContinuationByte(unsigned char byte) { return (byte & 0xC0U) == 0x80U; }
 
-int Utf8SequenceLength(unsigned char lead) {
-  if (lead < 0x80U) return 1;
-  if ((lead & 0xE0U) == 0xC0U) return 2;
-  if ((lead & 0xF0U) == 0xE0U) return 3;
-  if ((lead & 0xF8U) == 0xF0U) return 4;
-  return 1;  // a stray byte counts as a character of its own
+// Bytes of the character that starts at `start`: that byte and the
+// continuation bytes after it.  The same boundaries as GetLengthInChar's, so
+// that text which is not UTF-8 counts the same both ways.
+unsigned CharacterLength(const unsigned char* text, unsigned start, unsigned length) {
+  unsigned end = start + 1;
+  while (end < length && IsContinuationByte(text[end])) ++end;
+  return end - start;
 }
 
 }  // namespace
@@ -141,8 +142,7 @@ void KelString::ConvertToUTF8(char* buffer, unsigned* count) const {
   unsigned written = 0;
   unsigned characters = 0;
   while (written < length) {
-    unsigned step = static_cast<unsigned>(Utf8SequenceLength(text[written]));
-    if (step > length - written) step = length - written;
+    const unsigned step = CharacterLength(text, written, length);
     if (written + step > capacity) break;
     std::memcpy(buffer + written, text + written, step);
     written += step;

@@ -75,4 +75,24 @@ TEST(KelStringTest, ConvertToUTF8CountsCharactersAndKeepsWholeCharacters) {
   EXPECT_EQ(small[3], '\0');
 }
 
+TEST(KelStringTest, ConvertToUTF8CutsTextThatIsNotUtf8WhereGetLengthInCharDoes) {
+  // A lead byte with more continuation bytes than UTF-8 allows is still one
+  // character, for both operations.
+  const KelString s(
+      "\xF5\x9D\x9D\x9D\x9D\x9D"
+      "a");
+  ASSERT_EQ(s.GetLengthInChar(), 2);
+  char buffer[8];
+  unsigned count = sizeof buffer;
+  s.ConvertToUTF8(buffer, &count);
+  EXPECT_EQ(count, 2U);
+  EXPECT_STREQ(buffer, s.GetUTF8());
+
+  char small[4];
+  count = sizeof small;
+  s.ConvertToUTF8(small, &count);
+  EXPECT_EQ(count, 0U) << "the six-byte character does not fit whole";
+  EXPECT_EQ(small[0], '\0');
+}
+
 }  // namespace
