@@ -19,7 +19,7 @@ SuiteProcess::SuiteProcess(const char* application) : m_application(application)
 }
 
 SuiteProcess::~SuiteProcess() {
-  CloseCommunicator(m_communicator);
+  KelBusCloseCommunicator(m_communicator);
   KelMsgModules_finalizeC();
 }
 

@@ -1,2 +1,192 @@
-// The bus implementation lives here.
+// The functions of KelBus.h: argument checks and the waiting loops; the rest
+// is the communicators' and their transports'.
 #include <KelMsgFeaMessaging/KelBus.h>
+
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "BusAddress.h"
+#include "BusState.h"
+#include "Communicator.h"
+#include "DispatchQueue.h"
+#include "LastError.h"
+#include "Transport.h"
+
+namespace kelbus {
+namespace {
+
+constexpr unsigned char kNoBytes[1] = {};
+
+int NoCommunicator(int id) {
+  return Fail(KELBUS_ERR_BAD_ID, "no open communicator " + std::to_string(id));
+}
+
+void ReportUnusableBus(int result, const BusAddress& address) {
+  if (result == KELBUS_ERR_UNREACHABLE) {
+    std::fprintf(stderr,
+                 "KelBus: no MQTT broker answers at %s (%s); start one with 'mosquitto -c %s' "
+                 "or set KELBUS_URL to one that runs\n",
+                 address.Describe().c_str(), LastErrorText(), KELBUS_BROKER_CONFIG);
+  } else {
+    std::fprintf(stderr, "KelBus: cannot join the bus at %s: %s\n", address.Describe().c_str(),
+                 LastErrorText());
+  }
+}
+
+void Dispatch(BusState& bus, const Delivery& delivery) {
+  const std::shared_ptr<Communicator> communicator = bus.Find(delivery.communicator);
+  if (!communicator)
+    return;
+  std::lock_guard oneAtATime(bus.CallbackMutex());
+  if (const auto* message = std::get_if<ReceivedMessage>(&delivery.content)) {
+    if (const KelBusReceiveCallback receive = communicator->Receiver()) {
+      const unsigned char* bytes = message->bytes.empty() ? kNoBytes : message->bytes.data();
+      receive(message->type.c_str(), bytes, static_cast<int>(message->bytes.size()));
+    }
+  } else if (const auto* departure = std::get_if<Departure>(&delivery.content)) {
+    if (const KelBusDisconnectCallback disconnect = communicator->DisconnectReceiver()) {
+      disconnect(departure->pid, departure->app.c_str(), departure->host.c_str(),
+                 departure->user.c_str());
+    }
+  }
+}
+
+// Dispatches the deliveries of `id` (or of every communicator) until
+// `*watched` changes.
+int RunWaitingLoop(int id, int timeout, int* watched) {
+  using Clock = DispatchQueue::Clock;
+  if (watched == nullptr)
+    return Fail(KELBUS_ERR_INVALID, "null watched value");
+  BusState& bus = BusState::Current();
+  const int start = *watched;
+  const DispatchQueue::Deadline deadline =
+      timeout < 0 ? DispatchQueue::Deadline() : Clock::now() + std::chrono::milliseconds(timeout);
+  std::uint64_t wakesSeen = bus.Queue().Wakes();
+  while (*watched == start) {
+    bool lost = false;
+    if (id != DispatchQueue::kAnyCommunicator) {
+      const std::shared_ptr<Communicator> communicator = bus.Find(id);
+      if (!communicator)
+        return NoCommunicator(id);
+      lost = communicator->Health() == KELBUS_ERR_NAME_LOST;
+    } else if (!bus.HasCommunicators()) {
+      return Fail(KELBUS_ERR_BAD_ID, "this process has no open communicator");
+    }
+    Delivery delivery;
+    switch (bus.Queue().Pop(id, lost ? Clock::now() : deadline, &wakesSeen, &delivery)) {
+      case DispatchQueue::PopResult::kDelivered:
+        Dispatch(bus, delivery);
+        break;
+      case DispatchQueue::PopResult::kTimedOut:
+        if (lost) {
+          return Fail(KELBUS_ERR_NAME_LOST, "the communicator's application was taken over");
+        }
+        return Fail(KELBUS_ERR_TIMEOUT, "the time limit passed");
+      case DispatchQueue::PopResult::kWoken:
+        break;
+    }
+  }
+  return KELBUS_OK;
+}
+
+}  // namespace
+}  // namespace kelbus
+
+using kelbus::BusState;
+using kelbus::Communicator;
+using kelbus::Fail;
+
+int RegisterCommunicator(const char* name, int* communicatorId) {
+  kelbus::ClearLastError();
+  if (communicatorId == nullptr)
+    return Fail(KELBUS_ERR_INVALID, "null communicatorId");
+  const std::string url = kelbus::BusUrlFromEnvironment();
+  std::string why;
+  const auto address = kelbus::ParseBusUrl(url, &why);
+  if (!address) {
+    std::fprintf(stderr,
+                 "KelBus: KELBUS_URL '%s' is malformed (%s); expected "
+                 "mqtt://[user[:password]@]host[:port][/namespace] or local:\n",
+                 kelbus::WithoutCredentials(url).c_str(), why.c_str());
+    return Fail(KELBUS_ERR_URL, "KELBUS_URL is malformed: " + why);
+  }
+  BusState& bus = BusState::Current();
+  const int id = bus.NewId();
+  int result = KELBUS_OK;
+  auto transport = kelbus::OpenTransport(*address, name != nullptr ? name : "",
+                                         kelbus::Inbox(bus.Queue(), id), bus.Hub(), &result);
+  if (!transport) {
+    kelbus::ReportUnusableBus(result, *address);
+    return result;
+  }
+  bus.Add(std::make_shared<Communicator>(id, std::move(transport)));
+  *communicatorId = id;
+  return KELBUS_OK;
+}
+
+int DeclareApplicationId(int communicatorId, const char* applicationId, int flag) {
+  kelbus::ClearLastError();
+  const auto communicator = BusState::Current().Find(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  return communicator->Declare(applicationId, flag);
+}
+
+int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
+                KelBusSizeCallback size, KelBusTypeCallback type) {
+  kelbus::ClearLastError();
+  const auto communicator = BusState::Current().Find(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  return communicator->Send(targetApplication, stream, size, type);
+}
+
+int AssociateHandler(int communicatorId, const char*, KelBusReceiveCallback receive) {
+  kelbus::ClearLastError();
+  const auto communicator = BusState::Current().Find(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  communicator->SetReceiver(receive);
+  return KELBUS_OK;
+}
+
+int AssociateDisconnectHandler(int communicatorId, const char*,
+                               KelBusDisconnectCallback disconnect) {
+  kelbus::ClearLastError();
+  const auto communicator = BusState::Current().Find(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  return communicator->SetDisconnectReceiver(disconnect);
+}
+
+int BBSysLoopWait(int* watched, int timeout) {
+  kelbus::ClearLastError();
+  return kelbus::RunWaitingLoop(kelbus::DispatchQueue::kAnyCommunicator, timeout, watched);
+}
+
+int WaitingLoop(int communicatorId, int timeout, int* watched) {
+  kelbus::ClearLastError();
+  if (communicatorId == kelbus::DispatchQueue::kAnyCommunicator) {
+    return kelbus::NoCommunicator(communicatorId);
+  }
+  return kelbus::RunWaitingLoop(communicatorId, timeout, watched);
+}
+
+int CloseCommunicator(int communicatorId) {
+  kelbus::ClearLastError();
+  BusState& bus = BusState::Current();
+  const auto communicator = bus.Remove(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  communicator->Close();
+  bus.Queue().Discard(communicatorId);
+  bus.Queue().Wake();
+  return KELBUS_OK;
+}
+
+const char* KelBusLastError(void) {
+  return kelbus::LastErrorText();
+}

@@ -33,6 +33,10 @@ class KelMsgStringType : public KelMsgBBMessage {
   // Preconditions (the process ends otherwise): size >= 0, and data is not
   // null unless size is 0.
   void SetData(const char* data, int size);
+  // The bytes held (null when there are none) and their number, for
+  // handlers; valid while the message lives and its data is not replaced.
+  const char* Data() const noexcept { return m_data; }
+  int Size() const noexcept { return m_size; }
 
   // The number of bytes held.
   int RequiredBufferSize() const override;

@@ -1,7 +1,94 @@
-// KelBus: the inter-process message bus, seven plain functions with C linkage.
+// KelBus: the message bus between the processes of a suite, as plain C
+// functions over an MQTT 5 broker.
 //
-// (Placeholder declarations: the bus implementation defines the result codes
-// and documents each function here.)
+// A process registers one or more communicators.  A communicator may declare
+// an application name; messages sent to that name reach the communicator's
+// receive callback.  Every message is an opaque byte buffer labelled with a
+// type name.  Processes may run on one machine or on several that reach the
+// same broker.
+//
+// WHERE THE BUS IS
+//   The environment variable KELBUS_URL, read by each RegisterCommunicator:
+//     mqtt://[user[:password]@]host[:port][/namespace]
+//   The default is mqtt://127.0.0.1:1883.  User and password may be
+//   percent-encoded; a numeric IPv6 host is written in brackets.  The
+//   namespace (default "kelbus") prefixes every topic, so several suites can
+//   share one broker; it may not contain '+', '#' or '%'.
+//     local:
+//   selects an in-process bus without broker: the communicators of one
+//   process reach each other and nobody else.
+//   The broker must speak MQTT 5.  config/kelbus-mosquitto.conf (installed
+//   in share/KelMsgFeaMessaging) configures mosquitto for the bus: unlimited
+//   queues, so that nothing is dropped when receivers fall behind, and room
+//   for messages of up to 64 MiB.
+//
+// MAPPING ONTO MQTT
+//   <namespace>/a/<application>   messages to the application; the payload is
+//                                 the buffer byte for byte, the type name is
+//                                 the MQTT content type.  QoS 1.
+//   <namespace>/p/<application>   retained presence record of the holder of
+//                                 the name; the holder's will replaces it by
+//                                 its departure record.
+//   Application names are percent-encoded into one topic level (every byte
+//   outside A-Z a-z 0-9 - . _ becomes %XX), so any name is safe.
+//   A communicator is one MQTT client.  Before it declares an application it
+//   connects under a client identifier of its own; declaring reconnects it
+//   under <namespace>/a/<application>, so the broker lets only one live
+//   client hold a name.  Messages already handed to SendRequest are
+//   delivered before the switch.
+//
+// THREADS
+//   Each MQTT connection runs on a network thread of its own.  Everything
+//   the caller gives to the bus runs on the caller's thread:
+//   - SendRequest calls the size, type and stream callbacks before it
+//     returns, in that order;
+//   - receive and disconnect callbacks run only inside WaitingLoop and
+//     BBSysLoopWait, on the thread that waits, one at a time in the whole
+//     process.  A callback may call SendRequest and may wait again (a nested
+//     WaitingLoop or BBSysLoopWait).
+//   Several threads may call the bus at once; the callbacks of SendRequest
+//   must not call the bus themselves.
+//
+// ORDER, LOSS AND MEMORY
+//   - Messages from one communicator to one application arrive in the order
+//     sent, at least once: a message that was in flight when a connection
+//     broke is sent again after the connection is restored, and may then
+//     arrive twice.
+//   - A message to an application that no process holds is dropped by the
+//     broker.  So are messages that arrive while the holder's connection is
+//     down: the holder's subscription lives only as long as its connection.
+//   - SendRequest blocks while more than KELBUS_SEND_WINDOW_BYTES of the
+//     communicator's messages wait for the broker's acknowledgement (one
+//     larger message alone is allowed), so a sender's memory does not grow
+//     with what it sends.
+//   - The network thread never waits for the caller: it copies every message
+//     into the process's dispatch queue at once, so a busy receiver neither
+//     misses keepalives nor slows the broker down.  The backlog of a
+//     receiver whose handlers are slower than its senders lives in the
+//     receiver's memory.
+//
+// DEPARTURES
+//   The departure record of a communicator that declared an application
+//   holds its process id, the application, the host name and the user name.
+//   The broker publishes it when the process dies or its connection breaks
+//   (within 1.5 keepalive periods of KELBUS_KEEPALIVE_SECONDS on a silent
+//   network), when the communicator is closed (MQTT 5 disconnect with will,
+//   reason 0x04; at normal process exit every open communicator is closed),
+//   and when another process takes the name over.  Every communicator with a
+//   disconnect callback receives it.  A communicator that never declared an
+//   application has no departure record.
+//
+// CONNECTION LOSS
+//   A lost connection is restored in the background, retried with growing
+//   delays of up to a few seconds.  While it is down, SendRequest does not
+//   take messages (KELBUS_ERR_DISCONNECTED) and WaitingLoop goes on waiting.
+//   A communicator that held an application first checks that nobody took
+//   its name over meanwhile; if somebody did, it gives the name up for good
+//   (KELBUS_ERR_NAME_LOST) instead of taking it back.
+//
+// RESULTS
+//   Every function returns KELBUS_OK (0) or one of the negative codes below.
+//   KelBusLastError describes the last failure of the calling thread.
 #ifndef KELMSGFEAMESSAGING_KELBUS_H_
 #define KELMSGFEAMESSAGING_KELBUS_H_
 
@@ -9,22 +96,154 @@
 extern "C" {
 #endif
 
+enum KelBusResult {
+  KELBUS_OK = 0,
+  // An argument is null or out of range, or a callback gave an unusable
+  // answer (negative size, null type or a type name that is not UTF-8).
+  KELBUS_ERR_INVALID = -1,
+  // No open communicator has this identifier (never opened, closed, or
+  // inherited from the parent of a forked process).  BBSysLoopWait: the
+  // process has no open communicator.
+  KELBUS_ERR_BAD_ID = -2,
+  // KELBUS_URL is malformed; one line on standard error tells why.
+  KELBUS_ERR_URL = -3,
+  // No broker answered at KELBUS_URL within KELBUS_CONNECT_SECONDS; one line
+  // on standard error names the URL and how to start a broker.
+  KELBUS_ERR_UNREACHABLE = -4,
+  // The broker answered but refused the connection or a subscription (for
+  // instance bad user name or password, not authorised).
+  KELBUS_ERR_REFUSED = -5,
+  // DeclareApplicationId with flag 0: a live process holds the name.
+  KELBUS_ERR_NAME_HELD = -6,
+  // Another process took this communicator's application over; the
+  // communicator receives nothing more and sends nothing more.
+  KELBUS_ERR_NAME_LOST = -7,
+  // DeclareApplicationId on a communicator that already declared one.
+  KELBUS_ERR_ALREADY_DECLARED = -8,
+  // The connection to the broker is down and being restored; the message was
+  // not sent.
+  KELBUS_ERR_DISCONNECTED = -9,
+  // The message is larger than the broker accepts.
+  KELBUS_ERR_TOO_LARGE = -10,
+  // WaitingLoop or BBSysLoopWait: the time limit passed before the watched
+  // value changed.
+  KELBUS_ERR_TIMEOUT = -11,
+  // Any other failure of the network or the broker; see KelBusLastError.
+  KELBUS_ERR_TRANSPORT = -12
+};
+
+enum {
+  // Bytes of unacknowledged messages per communicator above which SendRequest
+  // waits.
+  KELBUS_SEND_WINDOW_BYTES = 4 * 1024 * 1024,
+  // Time limit for reaching the broker when a communicator is registered or
+  // declares an application.
+  KELBUS_CONNECT_SECONDS = 5,
+  // MQTT keepalive of every connection.
+  KELBUS_KEEPALIVE_SECONDS = 10
+};
+
+// Writes the buffer of the message being sent: `size` bytes at `buffer`,
+// `size` being what the size callback returned.
 typedef void (*KelBusStreamCallback)(void* buffer, int size);
+// Number of bytes of the message being sent.
 typedef int (*KelBusSizeCallback)(void);
+// Type name of the message being sent, NUL-terminated UTF-8; the bus copies
+// it before SendRequest returns.
 typedef const char* (*KelBusTypeCallback)(void);
+// A message for the communicator's application: its type name and `size`
+// bytes at `buffer`, both valid only during the call (`buffer` is not null,
+// even when `size` is 0).
 typedef void (*KelBusReceiveCallback)(const char* type, const void* buffer, int size);
+// A process left the bus: its process id, application, host and user, valid
+// only during the call.
 typedef void (*KelBusDisconnectCallback)(int pid, const char* app, const char* host,
                                          const char* user);
 
+// Opens a communicator on the bus that KELBUS_URL names and stores its
+// identifier (a positive number never used again in this process) in
+// `*communicatorId`.  `name` labels the communicator's MQTT client on the
+// broker; it may be null.  Waits until the broker has accepted the
+// connection, at most KELBUS_CONNECT_SECONDS.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID (null `communicatorId`),
+// KELBUS_ERR_URL, KELBUS_ERR_UNREACHABLE, KELBUS_ERR_REFUSED.
 int RegisterCommunicator(const char* name, int* communicatorId);
+
+// Makes the communicator the holder of the application `applicationId`
+// (non-empty, at most 4096 bytes), so that messages sent to that name reach
+// it.  A communicator declares at most one application, for its lifetime.
+// `flag` says what happens when a live process already holds the name:
+//   0  refuse, with KELBUS_ERR_NAME_HELD; the communicator stays as it was.
+//   1  take the name over: the holder is disconnected, its departure record
+//      is published and it gets KELBUS_ERR_NAME_LOST from then on.
+// A name whose holder died or closed is free with either flag.  Two
+// processes that declare one name at the same moment both succeed, and the
+// one that connected first loses the name at once (the broker never lets two
+// live clients hold it).  Returns once the communicator receives the
+// application's messages and its presence record is published.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID,
+// KELBUS_ERR_ALREADY_DECLARED, KELBUS_ERR_NAME_HELD, KELBUS_ERR_UNREACHABLE,
+// KELBUS_ERR_REFUSED, KELBUS_ERR_DISCONNECTED.
 int DeclareApplicationId(int communicatorId, const char* applicationId, int flag);
+
+// Sends one message to the application `targetApplication`.  Calls `size`,
+// then `type`, then `stream` with a buffer of the size given, and hands the
+// bytes to the network; the callbacks are not called when the communicator
+// is unusable (bad identifier, name lost).  Blocks while the send window is
+// full (see ORDER, LOSS AND MEMORY).  KELBUS_OK means the message is on its
+// way, not that anybody holds the application.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID,
+// KELBUS_ERR_NAME_LOST, KELBUS_ERR_DISCONNECTED, KELBUS_ERR_TOO_LARGE,
+// KELBUS_ERR_TRANSPORT.
 int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
                 KelBusSizeCallback size, KelBusTypeCallback type);
+
+// Installs the callback that receives the messages of the communicator's
+// application; null removes it.  A message dispatched while no callback is
+// installed is dropped.  Messages are kept from the moment the application
+// is declared until a waiting loop dispatches them, so installing the
+// callback before the first wait loses nothing.  `name` is not interpreted
+// and may be null.
+// Results: KELBUS_OK, KELBUS_ERR_BAD_ID.
 int AssociateHandler(int communicatorId, const char* name, KelBusReceiveCallback receive);
+
+// Installs the callback that receives the departure records of every
+// process on the bus; null removes it and stops the reports.  Returns once
+// the broker reports departures to this communicator.  `name` is not
+// interpreted and may be null.
+// Results: KELBUS_OK, KELBUS_ERR_BAD_ID, KELBUS_ERR_REFUSED,
+// KELBUS_ERR_DISCONNECTED (the callback is installed and reports start when
+// the connection is back).
 int AssociateDisconnectHandler(int communicatorId, const char* name,
                                KelBusDisconnectCallback disconnect);
+
+// Runs the callbacks of the process's communicators, in the order their
+// messages and departures arrived, until `*watched` differs from its value
+// at entry.  `*watched` is read between callbacks on the waiting thread, so
+// a callback changes it to end the wait.  `timeout` is a time limit in
+// milliseconds; negative means none, 0 runs what has already arrived.
+// Results: KELBUS_OK (the value changed), KELBUS_ERR_INVALID (null
+// `watched`), KELBUS_ERR_BAD_ID (no open communicator), KELBUS_ERR_TIMEOUT.
 int BBSysLoopWait(int* watched, int timeout);
+
+// As BBSysLoopWait, for the messages and departures of one communicator;
+// those of others wait for their turn.  Also returns KELBUS_ERR_NAME_LOST
+// once the communicator has lost its application and everything it had
+// received has been dispatched, and KELBUS_ERR_BAD_ID if a callback closes
+// the communicator.
 int WaitingLoop(int communicatorId, int timeout, int* watched);
+
+// Closes the communicator: waits (at most KELBUS_CONNECT_SECONDS) until the
+// broker has every message it sent, publishes its departure record if it
+// declared an application, and drops what it had received but not yet
+// dispatched.  The identifier becomes invalid.  A callback may close its own
+// communicator; the waiting loop then ends with KELBUS_ERR_BAD_ID.
+// Results: KELBUS_OK, KELBUS_ERR_BAD_ID.
+int CloseCommunicator(int communicatorId);
+
+// Text describing the last failure of a bus call on the calling thread ("" if
+// there was none).  Valid until the thread's next bus call.
+const char* KelBusLastError(void);
 
 #ifdef __cplusplus
 }

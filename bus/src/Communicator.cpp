@@ -1,0 +1,82 @@
+#include "Communicator.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "LastError.h"
+
+namespace kelbus {
+namespace {
+constexpr std::size_t kLongestApplicationName = 4096;
+}  // namespace
+
+Communicator::Communicator(int id, std::unique_ptr<Transport> transport)
+    : m_id(id), m_transport(std::move(transport)) {}
+
+Communicator::~Communicator() {
+  Close();
+}
+
+int Communicator::Declare(const char* app, int flag) {
+  if (app == nullptr || app[0] == '\0')
+    return Fail(KELBUS_ERR_INVALID, "empty application name");
+  if (std::strlen(app) > kLongestApplicationName) {
+    return Fail(KELBUS_ERR_INVALID, "application name longer than 4096 bytes");
+  }
+  if (flag != 0 && flag != 1)
+    return Fail(KELBUS_ERR_INVALID, "the flag is neither 0 nor 1");
+  std::lock_guard lock(m_controlMutex);
+  if (m_declared) {
+    return Fail(KELBUS_ERR_ALREADY_DECLARED,
+                "communicator " + std::to_string(m_id) + " already declared its application");
+  }
+  const int result = m_transport->Claim(app, flag == 1);
+  m_declared = result == KELBUS_OK;
+  return result;
+}
+
+unsigned char* Communicator::BufferOf(std::size_t size) {
+  if (size > m_capacity || !m_buffer) {
+    m_capacity = std::max<std::size_t>(size, 256);
+    m_buffer = std::make_unique_for_overwrite<unsigned char[]>(m_capacity);
+  }
+  return m_buffer.get();
+}
+
+int Communicator::Send(const char* target, KelBusStreamCallback stream, KelBusSizeCallback size,
+                       KelBusTypeCallback type) {
+  if (target == nullptr || stream == nullptr || size == nullptr || type == nullptr) {
+    return Fail(KELBUS_ERR_INVALID, "null target application or callback");
+  }
+  if (Health() == KELBUS_ERR_NAME_LOST) {
+    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
+  }
+  std::lock_guard lock(m_sendMutex);
+  const int byteCount = size();
+  if (byteCount < 0)
+    return Fail(KELBUS_ERR_INVALID, "the size callback gave a negative size");
+  const char* typeName = type();
+  if (typeName == nullptr)
+    return Fail(KELBUS_ERR_INVALID, "the type callback gave null");
+  unsigned char* buffer = BufferOf(static_cast<std::size_t>(byteCount));
+  stream(buffer, byteCount);
+  return m_transport->Send(target, typeName, buffer, byteCount);
+}
+
+int Communicator::SetDisconnectReceiver(KelBusDisconnectCallback receiver) {
+  std::lock_guard lock(m_controlMutex);
+  const bool watching = m_disconnectReceiver != nullptr;
+  m_disconnectReceiver = receiver;
+  if ((receiver != nullptr) == watching)
+    return KELBUS_OK;
+  return m_transport->WatchDepartures(receiver != nullptr);
+}
+
+void Communicator::Close() {
+  if (m_closed.exchange(true))
+    return;
+  m_transport->Close();
+}
+
+}  // namespace kelbus

@@ -1,0 +1,86 @@
+// The process's queue of received messages and departure reports, filled by
+// the network threads and emptied by the threads that wait in the bus.
+#ifndef KELBUS_SRC_DISPATCHQUEUE_H_
+#define KELBUS_SRC_DISPATCHQUEUE_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace kelbus {
+
+struct ReceivedMessage {
+  std::string type;
+  std::vector<unsigned char> bytes;
+};
+
+struct Departure {
+  int pid = 0;
+  std::string app;
+  std::string host;
+  std::string user;
+};
+
+struct Delivery {
+  int communicator = 0;
+  std::variant<ReceivedMessage, Departure> content;
+};
+
+class DispatchQueue {
+ public:
+  using Clock = std::chrono::steady_clock;
+  // No deadline: wait as long as it takes.
+  using Deadline = std::optional<Clock::time_point>;
+  static constexpr int kAnyCommunicator = 0;
+
+  enum class PopResult { kDelivered, kTimedOut, kWoken };
+
+  void Push(Delivery delivery);
+  // Makes every waiting Pop return kWoken, so that waiters look at the state
+  // of their communicators again.
+  void Wake();
+  std::uint64_t Wakes() const;
+
+  // Takes the oldest delivery for `communicator` (or for any, with
+  // kAnyCommunicator) into `*out`, waiting until `deadline` for one.  Returns
+  // kWoken as soon as Wake has been called more often than `*wakesSeen`,
+  // and updates `*wakesSeen`.
+  PopResult Pop(int communicator, Deadline deadline, std::uint64_t* wakesSeen, Delivery* out);
+
+  // Drops everything queued for `communicator`.
+  void Discard(int communicator);
+
+ private:
+  mutable std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::deque<Delivery> m_deliveries;
+  std::uint64_t m_wakes = 0;
+};
+
+// What a transport sees of the queue: the entrance for one communicator.
+class Inbox {
+ public:
+  Inbox(DispatchQueue& queue, int communicator) : m_queue(&queue), m_communicator(communicator) {}
+
+  void Message(std::string_view type, const void* bytes, std::size_t size) const;
+  void Departed(Departure departure) const;
+  // The communicator's state changed (connection, name).
+  void Wake() const { m_queue->Wake(); }
+  int Communicator() const { return m_communicator; }
+
+ private:
+  DispatchQueue* m_queue;
+  int m_communicator;
+};
+
+}  // namespace kelbus
+
+#endif  // KELBUS_SRC_DISPATCHQUEUE_H_

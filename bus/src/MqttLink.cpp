@@ -1,0 +1,363 @@
+#include "MqttLink.h"
+
+#include <mqtt_protocol.h>
+#include <unistd.h>
+
+#include <KelMsgFeaMessaging/KelBus.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "LastError.h"
+
+namespace kelbus {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kLoopSliceMs = 500;
+constexpr milliseconds kFirstBackoff{250};
+constexpr milliseconds kLongestBackoff{4000};
+// How long a closing link tries to get its DISCONNECT out.
+constexpr milliseconds kGoodbyeLimit{2000};
+// What a message costs in the send window beyond its payload and topic.
+constexpr std::size_t kMessageOverhead = 64;
+constexpr int kQos = 1;
+
+void InitialiseLibraryOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { mosquitto_lib_init(); });
+}
+
+std::string Describe(int result, int savedErrno) {
+  return result == MOSQ_ERR_ERRNO ? std::strerror(savedErrno) : mosquitto_strerror(result);
+}
+
+MqttLink& Self(void* self) {
+  return *static_cast<MqttLink*>(self);
+}
+
+}  // namespace
+
+MqttLink::MqttLink(const BusAddress& address, std::string clientId, Listener& listener)
+    : m_address(address),
+      m_clientId(std::move(clientId)),
+      m_listener(listener),
+      m_backoff(kFirstBackoff) {
+  InitialiseLibraryOnce();
+}
+
+MqttLink::~MqttLink() {
+  Close(false);
+}
+
+void MqttLink::SetWill(std::string topic, std::string payload) {
+  m_willTopic = std::move(topic);
+  m_willPayload = std::move(payload);
+}
+
+void MqttLink::SetBirth(std::string topic, std::string payload) {
+  m_birthTopic = std::move(topic);
+  m_birthPayload = std::move(payload);
+}
+
+void MqttLink::SetReconnectGuard(std::function<Verdict()> guard) {
+  m_guard = std::move(guard);
+}
+
+void MqttLink::Subscribe(std::string filter, int options) {
+  std::lock_guard lock(m_mutex);
+  m_subscriptions.push_back({std::move(filter), options});
+  if (m_state == State::kUp)
+    SubscribeLocked(m_subscriptions.back());
+}
+
+void MqttLink::Unsubscribe(const std::string& filter) {
+  std::lock_guard lock(m_mutex);
+  std::erase_if(m_subscriptions, [&](const Subscription& s) { return s.filter == filter; });
+  if (m_state == State::kUp)
+    mosquitto_unsubscribe_v5(m_mosq, nullptr, filter.c_str(), nullptr);
+}
+
+int MqttLink::Configure() {
+  m_mosq = mosquitto_new(m_clientId.empty() ? nullptr : m_clientId.c_str(), true, this);
+  if (m_mosq == nullptr)
+    return Fail(KELBUS_ERR_TRANSPORT, "cannot create an MQTT client");
+  mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
+  mosquitto_threaded_set(m_mosq, true);
+  mosquitto_connect_v5_callback_set(m_mosq, &MqttLink::HandleConnect);
+  mosquitto_publish_v5_callback_set(m_mosq, &MqttLink::HandlePublish);
+  mosquitto_subscribe_v5_callback_set(m_mosq, &MqttLink::HandleSubscribe);
+  mosquitto_message_v5_callback_set(m_mosq, &MqttLink::HandleMessage);
+  if (!m_address.user.empty()) {
+    const char* password = m_address.password.empty() ? nullptr : m_address.password.c_str();
+    mosquitto_username_pw_set(m_mosq, m_address.user.c_str(), password);
+  }
+  if (!m_willTopic.empty()) {
+    const int result =
+        mosquitto_will_set_v5(m_mosq, m_willTopic.c_str(), static_cast<int>(m_willPayload.size()),
+                              m_willPayload.data(), kQos, true, nullptr);
+    if (result != MOSQ_ERR_SUCCESS) {
+      return Fail(KELBUS_ERR_TRANSPORT,
+                  std::string("cannot set the departure record: ") + mosquitto_strerror(result));
+    }
+  }
+  return KELBUS_OK;
+}
+
+int MqttLink::Open(Clock::time_point deadline) {
+  if (const int result = Configure(); result != KELBUS_OK)
+    return result;
+  const int started = mosquitto_connect_bind_async(m_mosq, m_address.host.c_str(), m_address.port,
+                                                   KELBUS_KEEPALIVE_SECONDS, nullptr);
+  if (started != MOSQ_ERR_SUCCESS) {
+    const std::string why = Describe(started, errno);
+    Close(false);
+    return Fail(KELBUS_ERR_UNREACHABLE, why);
+  }
+  m_thread = std::thread(&MqttLink::Run, this);
+  std::unique_lock lock(m_mutex);
+  m_changed.wait_until(lock, deadline, [this] { return m_state != State::kConnecting; });
+  if (m_state == State::kUp)
+    return KELBUS_OK;
+  const std::string why = m_state == State::kConnecting ? "no answer" : m_failure;
+  const int result = m_refused ? KELBUS_ERR_REFUSED : KELBUS_ERR_UNREACHABLE;
+  lock.unlock();
+  Close(false);
+  return Fail(result, why);
+}
+
+int MqttLink::Settle(Clock::time_point deadline) {
+  std::unique_lock lock(m_mutex);
+  const bool settled = m_changed.wait_until(lock, deadline, [this] {
+    return m_state != State::kUp || (m_awaitedSubscriptions.empty() && m_window.Empty());
+  });
+  if (m_state != State::kUp) {
+    return Fail(KELBUS_ERR_DISCONNECTED, "the connection to " + m_address.Describe() + " broke");
+  }
+  if (!settled)
+    return Fail(KELBUS_ERR_TRANSPORT, "the broker did not acknowledge in time");
+  if (m_subscriptionRefused)
+    return Fail(KELBUS_ERR_REFUSED, "the broker refused a subscription");
+  return KELBUS_OK;
+}
+
+int MqttLink::Publish(const std::string& topic, const void* bytes, int size,
+                      const mosquitto_property* properties) {
+  const std::size_t cost = static_cast<std::size_t>(size) + topic.size() + kMessageOverhead;
+  std::unique_lock lock(m_mutex);
+  m_changed.wait(lock, [&] {
+    return m_state != State::kUp || m_window.HasRoomFor(cost, KELBUS_SEND_WINDOW_BYTES);
+  });
+  if (m_state != State::kUp) {
+    return Fail(KELBUS_ERR_DISCONNECTED,
+                "the connection to " + m_address.Describe() + " is down; the message was not sent");
+  }
+  return PublishLocked(topic, bytes, size, properties, false);
+}
+
+int MqttLink::PublishLocked(const std::string& topic, const void* bytes, int size,
+                            const mosquitto_property* properties, bool retain) {
+  int mid = 0;
+  const int result =
+      mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
+  switch (result) {
+    case MOSQ_ERR_SUCCESS:
+      m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
+      return KELBUS_OK;
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+      return Fail(KELBUS_ERR_TOO_LARGE, "a message of " + std::to_string(size) +
+                                            " bytes is larger than the broker accepts");
+    case MOSQ_ERR_NO_CONN:
+      return Fail(KELBUS_ERR_DISCONNECTED, "the connection to the broker is down");
+    case MOSQ_ERR_MALFORMED_UTF8:
+      return Fail(KELBUS_ERR_INVALID, "the type name is not UTF-8");
+    default:
+      return Fail(KELBUS_ERR_TRANSPORT, mosquitto_strerror(result));
+  }
+}
+
+void MqttLink::Close(bool withWill) {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_state == State::kClosed)
+      return;
+    const bool up = m_state == State::kUp;
+    if (up) {
+      // Set before m_stopping, so that the thread writes the DISCONNECT out.
+      m_stopDeadline = Clock::now() + kGoodbyeLimit;
+      m_sayingGoodbye = true;
+    }
+    // Set before the DISCONNECT is queued, so that the thread does not take
+    // the closed socket for a broken connection.
+    m_stopping = true;
+    if (up) {
+      mosquitto_disconnect_v5(m_mosq, withWill ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : 0, nullptr);
+    }
+  }
+  m_changed.notify_all();
+  if (m_thread.joinable())
+    m_thread.join();
+  if (m_mosq != nullptr)
+    mosquitto_destroy(m_mosq);
+  m_mosq = nullptr;
+  std::lock_guard lock(m_mutex);
+  SetStateLocked(State::kClosed);
+}
+
+void MqttLink::AbandonAfterFork() {
+  if (m_mosq == nullptr)
+    return;
+  const int socket = mosquitto_socket(m_mosq);
+  if (socket >= 0)
+    ::close(socket);
+}
+
+MqttLink::State MqttLink::CurrentState() const {
+  std::lock_guard lock(m_mutex);
+  return m_state;
+}
+
+void MqttLink::Run() {
+  for (;;) {
+    const int result = mosquitto_loop(m_mosq, kLoopSliceMs, 1);
+    if (m_stopping) {
+      if (result != MOSQ_ERR_SUCCESS || !m_sayingGoodbye || Clock::now() > m_stopDeadline)
+        return;
+      continue;
+    }
+    if (result == MOSQ_ERR_SUCCESS)
+      continue;
+    if (!ConnectionBroke(result) || !StartReconnecting())
+      return;
+  }
+}
+
+bool MqttLink::ConnectionBroke(int loopResult) {
+  const std::string why = Describe(loopResult, errno);
+  bool wasUp = false;
+  bool restore = false;
+  {
+    std::lock_guard lock(m_mutex);
+    // Messages in flight are sent again by the library after reconnecting;
+    // they no longer count against the window.
+    m_window.Clear();
+    m_awaitedSubscriptions.clear();
+    wasUp = m_state == State::kUp;
+    restore = m_everUp;
+    if (!restore && m_failure.empty())
+      m_failure = why;
+    SetStateLocked(restore ? State::kDown : State::kFailed);
+  }
+  if (wasUp) {
+    std::fprintf(stderr, "KelBus: lost the connection to %s (%s); restoring it\n",
+                 m_address.Describe().c_str(), why.c_str());
+  }
+  m_listener.OnStateChanged();
+  return restore;
+}
+
+bool MqttLink::StartReconnecting() {
+  for (;;) {
+    {
+      std::unique_lock lock(m_mutex);
+      m_changed.wait_for(lock, m_backoff, [this] { return m_stopping.load(); });
+      if (m_stopping)
+        return false;
+      m_backoff = std::min(m_backoff * 2, kLongestBackoff);
+    }
+    const Verdict verdict = m_guard ? m_guard() : Verdict::kReconnect;
+    if (verdict == Verdict::kGiveUp) {
+      {
+        std::lock_guard lock(m_mutex);
+        SetStateLocked(State::kGivenUp);
+      }
+      m_listener.OnStateChanged();
+      return false;
+    }
+    if (verdict == Verdict::kReconnect && mosquitto_reconnect_async(m_mosq) == MOSQ_ERR_SUCCESS) {
+      return true;
+    }
+  }
+}
+
+void MqttLink::Connected(int reason) {
+  bool restored = false;
+  {
+    std::lock_guard lock(m_mutex);
+    if (reason != 0) {
+      m_failure =
+          std::string("the broker refused the connection: ") + mosquitto_reason_string(reason);
+      m_refused = true;
+      return;
+    }
+    restored = m_everUp;
+    m_everUp = true;
+    m_backoff = kFirstBackoff;
+    m_subscriptionRefused = false;
+    for (const Subscription& subscription : m_subscriptions)
+      SubscribeLocked(subscription);
+    if (!m_birthTopic.empty()) {
+      PublishLocked(m_birthTopic, m_birthPayload.data(), static_cast<int>(m_birthPayload.size()),
+                    nullptr, true);
+    }
+    SetStateLocked(State::kUp);
+  }
+  if (restored) {
+    std::fprintf(stderr, "KelBus: the connection to %s is restored\n",
+                 m_address.Describe().c_str());
+  }
+  m_listener.OnStateChanged();
+}
+
+void MqttLink::SubscribeLocked(const Subscription& subscription) {
+  int mid = 0;
+  if (mosquitto_subscribe_v5(m_mosq, &mid, subscription.filter.c_str(), kQos, subscription.options,
+                             nullptr) == MOSQ_ERR_SUCCESS) {
+    m_awaitedSubscriptions.push_back(mid);
+  }
+}
+
+void MqttLink::SetStateLocked(State state) {
+  m_state = state;
+  m_changed.notify_all();
+}
+
+void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) {
+  Self(self).Connected(reason);
+}
+
+void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,
+                             const mosquitto_property*) {
+  MqttLink& link = Self(self);
+  if (reason >= MQTT_RC_UNSPECIFIED) {
+    std::fprintf(stderr, "KelBus: the broker at %s refused a message: %s\n",
+                 link.m_address.Describe().c_str(), mosquitto_reason_string(reason));
+  }
+  std::lock_guard lock(link.m_mutex);
+  link.m_window.Acknowledge(mid);
+  link.m_changed.notify_all();
+}
+
+void MqttLink::HandleSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
+                               const mosquitto_property*) {
+  MqttLink& link = Self(self);
+  std::lock_guard lock(link.m_mutex);
+  std::erase(link.m_awaitedSubscriptions, mid);
+  for (int i = 0; i < count; ++i) {
+    if (granted[i] >= MQTT_RC_UNSPECIFIED)
+      link.m_subscriptionRefused = true;
+  }
+  link.m_changed.notify_all();
+}
+
+void MqttLink::HandleMessage(mosquitto*, void* self, const mosquitto_message* message,
+                             const mosquitto_property* properties) {
+  Self(self).m_listener.OnMessage(*message, properties);
+}
+
+}  // namespace kelbus

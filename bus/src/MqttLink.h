@@ -1,0 +1,151 @@
+// One MQTT 5 connection to the broker, driven by a network thread of its
+// own (libmosquitto in threaded mode; the thread runs mosquitto_loop).
+//
+// The link restores a broken connection by itself, with growing delays, and
+// asks its reconnect guard first: a guard may postpone the attempt or give
+// the connection up for good.  After every connect it renews its
+// subscriptions and publishes its birth message; the broker publishes its
+// will when the connection breaks or is closed with will.
+//
+// Threads: the set-up calls (SetWill, SetBirth, SetReconnectGuard) come
+// before Open, on one thread.  Everything else may be called from any
+// thread but the link's own; the listener and the guard run on the link's
+// thread.
+#ifndef KELBUS_SRC_MQTTLINK_H_
+#define KELBUS_SRC_MQTTLINK_H_
+
+#include <mosquitto.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BusAddress.h"
+#include "SendWindow.h"
+
+namespace kelbus {
+
+class MqttLink {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  enum class State {
+    kConnecting,  // first connection under way
+    kUp,
+    kDown,     // broken, being restored
+    kFailed,   // the first connection failed; the link is unusable
+    kGivenUp,  // the guard gave the connection up
+    kClosed,
+  };
+
+  enum class Verdict { kReconnect, kRetryLater, kGiveUp };
+
+  class Listener {
+   public:
+    // Every message the broker delivers; `properties` may be null.
+    virtual void OnMessage(const mosquitto_message& message,
+                           const mosquitto_property* properties) = 0;
+    // The link's state changed.
+    virtual void OnStateChanged() = 0;
+
+   protected:
+    ~Listener() = default;
+  };
+
+  // An empty `clientId` lets the broker's library choose a random one.
+  MqttLink(const BusAddress& address, std::string clientId, Listener& listener);
+  ~MqttLink();
+  MqttLink(const MqttLink&) = delete;
+  MqttLink& operator=(const MqttLink&) = delete;
+
+  // Both retained, QoS 1.
+  void SetWill(std::string topic, std::string payload);
+  void SetBirth(std::string topic, std::string payload);
+  void SetReconnectGuard(std::function<Verdict()> guard);
+
+  // Subscriptions are kept and renewed after every connect.
+  void Subscribe(std::string filter, int options);
+  void Unsubscribe(const std::string& filter);
+
+  // Makes the first connection and waits for the broker's CONNACK until
+  // `deadline`.  On failure the link is unusable and the reason is the
+  // calling thread's last error.
+  int Open(Clock::time_point deadline);
+  // Waits until the broker has acknowledged every subscription and message
+  // so far.
+  int Settle(Clock::time_point deadline);
+  // Publishes at QoS 1, not retained, once the send window has room.
+  int Publish(const std::string& topic, const void* bytes, int size,
+              const mosquitto_property* properties);
+  // Disconnects (reason 0x04, so that the broker publishes the will, when
+  // `withWill`) and stops the thread.  Idempotent.
+  void Close(bool withWill);
+  // In a forked child: closes the inherited socket; nothing else is touched.
+  void AbandonAfterFork();
+
+  State CurrentState() const;
+  const BusAddress& Address() const { return m_address; }
+
+ private:
+  struct Subscription {
+    std::string filter;
+    int options;
+  };
+
+  static void HandleConnect(mosquitto*, void* self, int reason, int flags,
+                            const mosquitto_property* properties);
+  static void HandlePublish(mosquitto*, void* self, int mid, int reason,
+                            const mosquitto_property* properties);
+  static void HandleSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
+                              const mosquitto_property* properties);
+  static void HandleMessage(mosquitto*, void* self, const mosquitto_message* message,
+                            const mosquitto_property* properties);
+
+  int Configure();
+  void Run();
+  // Returns whether the link should try to restore the connection.
+  bool ConnectionBroke(int loopResult);
+  // Returns once an attempt to reconnect is under way, or false when the
+  // link stops or gives up.
+  bool StartReconnecting();
+  void Connected(int reason);
+  void SubscribeLocked(const Subscription& subscription);
+  int PublishLocked(const std::string& topic, const void* bytes, int size,
+                    const mosquitto_property* properties, bool retain);
+  void SetStateLocked(State state);
+
+  const BusAddress m_address;
+  const std::string m_clientId;
+  Listener& m_listener;
+  std::string m_willTopic, m_willPayload;
+  std::string m_birthTopic, m_birthPayload;
+  std::function<Verdict()> m_guard;
+
+  mosquitto* m_mosq = nullptr;
+  std::thread m_thread;
+  std::atomic<bool> m_stopping{false};
+  std::atomic<bool> m_sayingGoodbye{false};
+  Clock::time_point m_stopDeadline;
+
+  mutable std::mutex m_mutex;  // guards everything below
+  std::condition_variable m_changed;
+  State m_state = State::kConnecting;
+  bool m_everUp = false;
+  std::string m_failure;   // why the first connection failed
+  bool m_refused = false;  // ... because the broker said no
+  std::chrono::milliseconds m_backoff;
+  std::vector<Subscription> m_subscriptions;
+  std::vector<int> m_awaitedSubscriptions;  // mids without SUBACK
+  bool m_subscriptionRefused = false;
+  SendWindow m_window;
+};
+
+}  // namespace kelbus
+
+#endif  // KELBUS_SRC_MQTTLINK_H_

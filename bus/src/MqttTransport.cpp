@@ -1,0 +1,220 @@
+#include "MqttTransport.h"
+
+#include <mqtt_protocol.h>
+
+#include <KelMsgFeaMessaging/KelBus.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "LastError.h"
+#include "PresenceReader.h"
+
+namespace kelbus {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kConnectLimit{KELBUS_CONNECT_SECONDS};
+// A reconnecting holder's look at who holds its name.
+constexpr std::chrono::seconds kGuardLimit{2};
+// The same departure record arriving again this soon is the same event.
+constexpr std::chrono::seconds kRepeatedReportWindow{2};
+
+std::string Holder(const ProcessRecord& record) {
+  return "process " + std::to_string(record.pid) + " of user " + record.user + " on host " +
+         record.host;
+}
+
+}  // namespace
+
+void MqttTransport::PropertiesDeleter::operator()(mosquitto_property* properties) const {
+  mosquitto_property_free_all(&properties);
+}
+
+MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
+    : m_address(address), m_topics(address.nameSpace), m_inbox(inbox), m_process(ThisProcess()) {}
+
+MqttTransport::~MqttTransport() {
+  Close();
+}
+
+int MqttTransport::Connect(const std::string& label) {
+  auto link = std::make_unique<MqttLink>(
+      m_address,
+      m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator()),
+      *this);
+  const int result = link->Open(Clock::now() + kConnectLimit);
+  std::lock_guard lock(m_linkMutex);
+  m_link = std::move(link);
+  return result;
+}
+
+std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& presence) {
+  ProcessRecord departure = presence;
+  departure.kind = ProcessRecord::Kind::kDeparted;
+  auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
+  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode());
+  link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
+  link->SetReconnectGuard([this, app = presence.app, claim = presence.claim] {
+    return CheckNameStillOurs(app, claim);
+  });
+  link->Subscribe(m_topics.MessageTopic(presence.app), 0);
+  if (m_watching)
+    link->Subscribe(m_topics.PresenceFilter(), MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+  return link;
+}
+
+int MqttTransport::Claim(const std::string& app, bool takeOver) {
+  std::lock_guard operation(m_operationMutex);
+  const auto deadline = Clock::now() + kConnectLimit;
+  if (!takeOver) {
+    const PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+    if (reading.result != KELBUS_OK)
+      return reading.result;
+    if (reading.record && reading.record->kind == ProcessRecord::Kind::kPresent) {
+      return Fail(KELBUS_ERR_NAME_HELD,
+                  "application '" + app + "' is held by " + Holder(*reading.record));
+    }
+  }
+  ProcessRecord presence = m_process;
+  presence.app = app;
+  presence.claim = RandomClaim();
+  auto holder = NewHolderLink(presence);
+  int result = holder->Open(deadline);
+  if (result == KELBUS_OK)
+    result = holder->Settle(deadline);
+  if (result != KELBUS_OK) {
+    holder->Close(true);
+    return result;
+  }
+  // What the first link still has in flight reaches the broker before the
+  // holder link sends anything.
+  m_link->Settle(deadline);
+  std::unique_ptr<MqttLink> retired;
+  {
+    std::lock_guard lock(m_linkMutex);
+    retired = std::exchange(m_link, std::move(holder));
+  }
+  m_claimed = true;
+  retired->Close(false);
+  return KELBUS_OK;
+}
+
+MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
+                                                    std::uint64_t claim) const {
+  const PresenceReading reading =
+      ReadPresence(m_address, m_topics, app, Clock::now() + kGuardLimit);
+  if (reading.result != KELBUS_OK)
+    return MqttLink::Verdict::kRetryLater;
+  if (!reading.record || reading.record->claim == claim)
+    return MqttLink::Verdict::kReconnect;
+  std::fprintf(stderr,
+               "KelBus: application '%s' was taken over by %s; this process gives the name up\n",
+               app.c_str(), Holder(*reading.record).c_str());
+  return MqttLink::Verdict::kGiveUp;
+}
+
+int MqttTransport::PrepareType(const char* type) {
+  if (m_typeProperties && m_lastType == type)
+    return KELBUS_OK;
+  mosquitto_property* properties = nullptr;
+  if (mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type) !=
+      MOSQ_ERR_SUCCESS) {
+    mosquitto_property_free_all(&properties);
+    m_typeProperties.reset();
+    return Fail(KELBUS_ERR_INVALID, "the type name is not valid UTF-8 text");
+  }
+  m_typeProperties.reset(properties);
+  m_lastType = type;
+  return KELBUS_OK;
+}
+
+int MqttTransport::Send(std::string_view target, const char* type, const void* bytes, int size) {
+  std::lock_guard operation(m_operationMutex);
+  if (const int result = PrepareType(type); result != KELBUS_OK)
+    return result;
+  if (target != m_lastTarget || m_targetTopic.empty()) {
+    m_lastTarget.assign(target);
+    m_topics.MessageTopic(target, &m_targetTopic);
+  }
+  const int result = m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
+  if (result == KELBUS_ERR_DISCONNECTED && Health() == KELBUS_ERR_NAME_LOST) {
+    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
+  }
+  return result;
+}
+
+int MqttTransport::WatchDepartures(bool on) {
+  std::lock_guard operation(m_operationMutex);
+  m_watching = on;
+  if (!on) {
+    m_link->Unsubscribe(m_topics.PresenceFilter());
+    return KELBUS_OK;
+  }
+  m_link->Subscribe(m_topics.PresenceFilter(), MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+  return m_link->Settle(Clock::now() + kConnectLimit);
+}
+
+int MqttTransport::Health() const {
+  std::lock_guard lock(m_linkMutex);
+  switch (m_link->CurrentState()) {
+    case MqttLink::State::kUp:
+      return KELBUS_OK;
+    case MqttLink::State::kGivenUp:
+      return KELBUS_ERR_NAME_LOST;
+    default:
+      return KELBUS_ERR_DISCONNECTED;
+  }
+}
+
+void MqttTransport::Close() {
+  std::lock_guard operation(m_operationMutex);
+  if (!m_link)
+    return;
+  m_link->Settle(Clock::now() + kConnectLimit);
+  m_link->Close(m_claimed);
+}
+
+void MqttTransport::AbandonAfterFork() {
+  if (m_link)
+    m_link->AbandonAfterFork();
+}
+
+void MqttTransport::OnMessage(const mosquitto_message& message,
+                              const mosquitto_property* properties) {
+  const std::string_view topic(message.topic);
+  const auto size = static_cast<std::size_t>(message.payloadlen);
+  if (m_topics.IsMessageTopic(topic)) {
+    char* type = nullptr;
+    mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
+    m_inbox.Message(type != nullptr ? type : "", message.payload, size);
+    std::free(type);
+    return;
+  }
+  if (!m_watching || !m_topics.IsPresenceTopic(topic))
+    return;
+  const auto record = ProcessRecord::Decode(message.payload, size);
+  if (record && record->kind == ProcessRecord::Kind::kDeparted)
+    Report(*record);
+}
+
+void MqttTransport::Report(const ProcessRecord& departure) {
+  const auto now = Clock::now();
+  {
+    std::lock_guard lock(m_reportsMutex);
+    for (const auto& [claim, when] : m_recentReports) {
+      if (claim == departure.claim && now - when < kRepeatedReportWindow)
+        return;
+    }
+    m_recentReports[m_nextReport++ % m_recentReports.size()] = {departure.claim, now};
+  }
+  m_inbox.Departed({departure.pid, departure.app, departure.host, departure.user});
+}
+
+void MqttTransport::OnStateChanged() {
+  m_inbox.Wake();
+}
+
+}  // namespace kelbus

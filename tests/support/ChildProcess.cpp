@@ -1,0 +1,112 @@
+#include "ChildProcess.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+ChildProcess ChildProcess::Fork(const std::function<int()>& body) {
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) {
+    std::perror("fork");
+    std::abort();
+  }
+  if (pid == 0) {
+    const int code = body();
+    std::fflush(nullptr);
+    _exit(code);
+  }
+  return ChildProcess(pid);
+}
+
+ChildProcess ChildProcess::Exec(const std::vector<std::string>& argv,
+                                const std::string& outputPath) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : argv)
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) {
+    std::perror("fork");
+    std::abort();
+  }
+  if (pid == 0) {
+    if (!outputPath.empty()) {
+      const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (output >= 0) {
+        dup2(output, STDOUT_FILENO);
+        dup2(output, STDERR_FILENO);
+        close(output);
+      }
+    }
+    execv(arguments[0], arguments.data());
+    std::perror(arguments[0]);
+    _exit(127);
+  }
+  return ChildProcess(pid);
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : m_pid(std::exchange(other.m_pid, -1)), m_status(other.m_status) {}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    if (m_pid > 0 && !m_status)
+      Kill();
+    m_pid = std::exchange(other.m_pid, -1);
+    m_status = other.m_status;
+  }
+  return *this;
+}
+
+ChildProcess::~ChildProcess() {
+  if (m_pid > 0 && !m_status)
+    Kill();
+}
+
+bool ChildProcess::Running() {
+  return !Wait(std::chrono::milliseconds(0));
+}
+
+std::optional<int> ChildProcess::Wait(std::chrono::milliseconds limit) {
+  if (m_status || m_pid <= 0)
+    return m_status;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(m_pid, &status, WNOHANG);
+    if (done == m_pid) {
+      m_status = status;
+      return m_status;
+    }
+    if (std::chrono::steady_clock::now() >= deadline)
+      return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+std::optional<int> ChildProcess::ExitCode(std::chrono::milliseconds limit) {
+  const std::optional<int> status = Wait(limit);
+  if (!status || !WIFEXITED(*status))
+    return std::nullopt;
+  return WEXITSTATUS(*status);
+}
+
+void ChildProcess::Signal(int signal) {
+  if (m_pid > 0 && !m_status)
+    kill(m_pid, signal);
+}
+
+void ChildProcess::Kill() {
+  Signal(SIGKILL);
+  int status = 0;
+  if (m_pid > 0 && !m_status && waitpid(m_pid, &status, 0) == m_pid)
+    m_status = status;
+}

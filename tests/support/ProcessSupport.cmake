@@ -1,0 +1,9 @@
+# kelmsg_process_support: TestBroker and ChildProcess, for tests and
+# benchmarks.  Depends on neither GoogleTest nor the libraries.
+add_library(kelmsg_process_support STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/ChildProcess.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/TestBroker.cpp)
+target_include_directories(kelmsg_process_support PUBLIC ${CMAKE_CURRENT_LIST_DIR})
+target_compile_definitions(kelmsg_process_support PRIVATE
+  KELMSG_BROKER_CONFIGURATION="${PROJECT_SOURCE_DIR}/config/kelbus-mosquitto.conf")
+target_link_libraries(kelmsg_process_support PRIVATE kelmsg_warnings)
