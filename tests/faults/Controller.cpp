@@ -27,8 +27,10 @@ class AnswerCollector : public KelMsgBBMessageHandler {
 }  // namespace
 
 Controller::Controller(const char* application) : m_application(application) {
-  if (KelMsgBBAPI::RegisterCommunicator(application, m_communicator) != KELBUS_OK) return;
-  if (KelMsgBBAPI::DeclareApplicationId(m_communicator, application, false) != KELBUS_OK) return;
+  if (KelMsgBBAPI::RegisterCommunicator(application, m_communicator) != KELBUS_OK)
+    return;
+  if (KelMsgBBAPI::DeclareApplicationId(m_communicator, application, false) != KELBUS_OK)
+    return;
   KelMsgBBCallbackManager::SetMessageID(application);
   KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType,
                                                     new AnswerCollector(&m_answers, &m_arrivals));
@@ -36,7 +38,8 @@ Controller::Controller(const char* application) : m_application(application) {
 }
 
 Controller::~Controller() {
-  if (m_communicator > 0) KelBusCloseCommunicator(m_communicator);
+  if (m_communicator > 0)
+    CloseCommunicator(m_communicator);
 }
 
 ChildProcess Controller::StartPeer(std::vector<std::string> arguments,
@@ -58,7 +61,8 @@ bool Controller::Await(const std::function<bool(const std::vector<Answer>&)>& do
   while (!done(m_answers)) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
+    if (left.count() <= 0)
+      return false;
     KelMsgBBAPI::WaitingLoop(m_communicator, static_cast<int>(left.count()), m_arrivals);
   }
   return true;

@@ -107,7 +107,8 @@ class SlowHandler : public KelMsgBBMessageHandler {
   SlowHandler& operator=(const SlowHandler&) = delete;
 
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    if (m_microseconds > 0) usleep(static_cast<useconds_t>(m_microseconds));
+    if (m_microseconds > 0)
+      usleep(static_cast<useconds_t>(m_microseconds));
     m_inner->HandleMessage(msg, id);
   }
 
@@ -143,8 +144,10 @@ class Peer : public KelMsgBBMessageHandler {
     const auto& command = static_cast<const KelMsgStringType&>(msg);
     std::vector<std::string> fields;
     std::istringstream lines(std::string(command.Data(), static_cast<std::size_t>(command.Size())));
-    for (std::string field; std::getline(lines, field);) fields.push_back(field);
-    if (fields.empty()) fields.emplace_back();
+    for (std::string field; std::getline(lines, field);)
+      fields.push_back(field);
+    if (fields.empty())
+      fields.emplace_back();
     const std::string& verb = fields[0];
     if (verb == "ping") {
       Reply("pong");
@@ -187,7 +190,8 @@ class Peer : public KelMsgBBMessageHandler {
     }
     ++next->second;
     for (const auto& [name, expected] : m_nextFromSender) {
-      if (expected != m_options.mesh.count) return;
+      if (expected != m_options.mesh.count)
+        return;
     }
     Reply("ok");
     m_quit = 0;
@@ -222,15 +226,15 @@ int main(int argc, char** argv) {
                                                       new SlowHandler(peer, pause));
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(
         new KelMsgFileTransferType, new SlowHandler(new KelMsgFileTransferHandler(&files), pause));
-    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(
-        new KelMsgAnalysisMessageType, new SlowHandler(new DeliveryPrinter, pause));
-    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(
-        new KelMsgProcessControlType, new SlowHandler(new DeliveryPrinter, pause));
+    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgAnalysisMessageType,
+                                                      new SlowHandler(new DeliveryPrinter, pause));
+    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgProcessControlType,
+                                                      new SlowHandler(new DeliveryPrinter, pause));
     KelMsgBBAPI::EnableReceiveHandling(communicator, options.application.c_str());
 
     peer->Reply("ready");
     KelMsgBBAPI::WaitingLoop(communicator, -1, peer->Quit());
   }
-  KelBusCloseCommunicator(communicator);
+  CloseCommunicator(communicator);
   return 0;
 }

@@ -46,7 +46,8 @@ void WritePatternFile(const std::string& path, std::uintmax_t size) {
   std::ofstream file(path, std::ios::binary);
   std::vector<std::uint64_t> words(kMiB / sizeof(std::uint64_t));
   for (std::uintmax_t offset = 0; offset < size; offset += kMiB) {
-    for (std::size_t i = 0; i < words.size(); ++i) words[i] = offset + i * sizeof(std::uint64_t);
+    for (std::size_t i = 0; i < words.size(); ++i)
+      words[i] = offset + i * sizeof(std::uint64_t);
     file.write(reinterpret_cast<const char*>(words.data()),
                static_cast<std::streamsize>(std::min<std::uintmax_t>(kMiB, size - offset)));
   }
@@ -55,7 +56,8 @@ void WritePatternFile(const std::string& path, std::uintmax_t size) {
 bool SameContents(const std::string& a, const std::string& b) {
   std::ifstream left(a, std::ios::binary);
   std::ifstream right(b, std::ios::binary);
-  if (!left || !right || fs::file_size(a) != fs::file_size(b)) return false;
+  if (!left || !right || fs::file_size(a) != fs::file_size(b))
+    return false;
   std::vector<char> leftBlock(kMiB);
   std::vector<char> rightBlock(kMiB);
   while (left) {
@@ -78,7 +80,8 @@ std::uintmax_t SizeOrZero(const std::string& path) {
 std::vector<std::string> Lines(const std::string& path) {
   std::ifstream file(path);
   std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  for (std::string line; std::getline(file, line);)
+    lines.push_back(line);
   return lines;
 }
 
@@ -114,7 +117,8 @@ class ScopedEnvironment {
  public:
   ScopedEnvironment(const char* name, const std::string& value) : m_name(name) {
     const char* previous = std::getenv(name);
-    if (previous != nullptr) m_previous = previous;
+    if (previous != nullptr)
+      m_previous = previous;
     m_hadValue = previous != nullptr;
     setenv(name, value.c_str(), 1);
   }
@@ -178,8 +182,7 @@ TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender
 
   const auto killed = std::chrono::steady_clock::now();
   sender1.Kill();
-  EXPECT_EQ(KelMsgBBAPI::WaitingLoop(controller.Id(), 1000, watcher.EndingCondition()),
-            KELBUS_OK);
+  EXPECT_EQ(KelMsgBBAPI::WaitingLoop(controller.Id(), 1000, watcher.EndingCondition()), KELBUS_OK);
   EXPECT_LT(std::chrono::steady_clock::now() - killed, 1s) << "the watcher learned too late";
 
   ASSERT_EQ(controller.Tell("sender2", Push("sender2", m_scratch.Path(), "small.dat", "receiver",
@@ -244,8 +247,8 @@ TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded)
     // the figure about the sender's own memory.  Without the sanitizer the
     // variable means nothing.
     const char* options = std::getenv("ASAN_OPTIONS");
-    ScopedEnvironment asan("ASAN_OPTIONS",
-                           std::string(options != nullptr ? options : "") + ":quarantine_size_mb=8");
+    ScopedEnvironment asan(
+        "ASAN_OPTIONS", std::string(options != nullptr ? options : "") + ":quarantine_size_mb=8");
     return controller.StartPeer({"sender"}, Path("sender.out"));
   }();
   ASSERT_TRUE(AwaitReady(controller, 2, 30s));
@@ -257,6 +260,7 @@ TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded)
       [](const std::vector<Answer>& answers) { return PushedResidentKiB(answers, "sender") > 0; },
       120s));
   const long peakKiB = PushedResidentKiB(controller.Answers(), "sender");
+  RecordProperty("sender_peak_resident_kib", static_cast<int>(peakKiB));
   EXPECT_LT(peakKiB, limitKiB) << "peak resident size of the sender, KiB";
   EXPECT_TRUE(SameContents(Path("large.dat"), Path("large.out")));
 
@@ -282,7 +286,8 @@ TEST_F(KelMsgFaultTest, FiftyProcessesGetEveryMessageOnceAndInOrderPerSender) {
   }
   ASSERT_TRUE(AwaitReady(controller, kPeers, 60s));
 
-  for (int i = 0; i < kPeers; ++i) ASSERT_EQ(controller.Tell("p" + std::to_string(i), "go"), KELBUS_OK);
+  for (int i = 0; i < kPeers; ++i)
+    ASSERT_EQ(controller.Tell("p" + std::to_string(i), "go"), KELBUS_OK);
   controller.Await(
       [](const std::vector<Answer>& answers) {
         return CountAnswers(answers, "ok") == kPeers ||
@@ -292,11 +297,13 @@ TEST_F(KelMsgFaultTest, FiftyProcessesGetEveryMessageOnceAndInOrderPerSender) {
       60s);
   std::vector<std::string> verdicts;
   for (const Answer& answer : controller.Answers()) {
-    if (answer.text != "ready") verdicts.push_back(answer.sender + ": " + answer.text);
+    if (answer.text != "ready")
+      verdicts.push_back(answer.sender + ": " + answer.text);
   }
   EXPECT_EQ(CountAnswers(controller.Answers(), "ok"), static_cast<std::size_t>(kPeers))
       << ::testing::PrintToString(verdicts);
-  for (ChildProcess& peer : peers) EXPECT_EQ(peer.ExitCode(20s), 0);
+  for (ChildProcess& peer : peers)
+    EXPECT_EQ(peer.ExitCode(20s), 0);
 }
 
 // What a foreign client publishes, and the report that refuses it.
@@ -313,24 +320,29 @@ std::string Int32(std::int32_t value) {
 }
 
 // An envelope with a correct identifier around `payload`.
-std::string Envelope(const std::string& payload) { return Int32(3) + "raw" + payload; }
+std::string Envelope(const std::string& payload) {
+  return Int32(3) + "raw" + payload;
+}
 
 std::vector<Garbage> GarbageForEveryType() {
   const std::vector<std::string> types = {"KelMsgStringType", "KelMsgAnalysisMessageType",
                                           "KelMsgProcessControlType", "KelMsgFileTransferType"};
   std::vector<Garbage> garbage;
-  for (const std::string& type : types) garbage.push_back({type, "", "AssertionFailed:size >= 4"});
+  for (const std::string& type : types)
+    garbage.push_back({type, "", "AssertionFailed:size >= 4"});
   std::mt19937 random(7);
   for (const std::string& type : types) {
     std::string bytes(64, '\0');
-    for (char& byte : bytes) byte = static_cast<char>(random());
+    for (char& byte : bytes)
+      byte = static_cast<char>(random());
     // An identifier count that points far past the end, as random bytes do.
     std::memcpy(bytes.data(), Int32(0x40000000 + static_cast<std::int32_t>(random() % 1000)).data(),
                 4);
     garbage.push_back({type, bytes, "AssertionFailed:n >= 0 && n <= size - 4"});
   }
   std::string chunkPastEnd = Int32(3);
-  for (int name = 0; name < 8; ++name) chunkPastEnd += Int32(0);
+  for (int name = 0; name < 8; ++name)
+    chunkPastEnd += Int32(0);
   chunkPastEnd += Int32(1) + Int32(1000) + "abc";
   garbage.push_back({"KelMsgAnalysisMessageType", Envelope(Int32(1000) + "<a/>"),
                      "AssertionFailed:byteCount <= bytesLeft"});
@@ -338,8 +350,8 @@ std::vector<Garbage> GarbageForEveryType() {
                      "AssertionFailed:byteCount >= 0"});
   garbage.push_back({"KelMsgProcessControlType", Envelope(Int32(1000) + "<Kill/>"),
                      "AssertionFailed:byteCount <= bytesLeft"});
-  garbage.push_back({"KelMsgFileTransferType", Envelope(chunkPastEnd),
-                     "AssertionFailed:byteCount <= bytesLeft"});
+  garbage.push_back(
+      {"KelMsgFileTransferType", Envelope(chunkPastEnd), "AssertionFailed:byteCount <= bytesLeft"});
   garbage.push_back(
       {"KelMsgNoSuchType", Envelope("anything"), "AssertionFailed:m_protos.IsMember(type)"});
   return garbage;
