@@ -163,7 +163,8 @@ void Deliver(const char* sender, const std::vector<char>& payload) {
   std::vector<char> envelope(sizeof n + static_cast<std::size_t>(n) + payload.size());
   std::memcpy(envelope.data(), &n, sizeof n);
   std::memcpy(envelope.data() + sizeof n, sender, static_cast<std::size_t>(n));
-  std::memcpy(envelope.data() + sizeof n + n, payload.data(), payload.size());
+  if (!payload.empty())
+    std::memcpy(envelope.data() + sizeof n + n, payload.data(), payload.size());
   KelMsgBBCallbackManager::HandleMessage(kType, envelope.data(), static_cast<int>(envelope.size()));
 }
 
