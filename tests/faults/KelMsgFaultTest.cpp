@@ -28,7 +28,7 @@
 
 #include "ChildProcess.h"
 #include "Controller.h"
-#include "RawMqttPublisher.h"
+#include "RawMqttClient.h"
 #include "ScratchDirectory.h"
 #include "TestBroker.h"
 
@@ -364,17 +364,22 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   ChildProcess collector = controller.StartPeer({"collector"}, Path("collector.out"));
   ASSERT_TRUE(AwaitReady(controller, 1, 30s));
 
-  RawMqttPublisher raw(m_broker.Port());
+  RawMqttClient raw(m_broker.Port());
   ASSERT_TRUE(raw.Connected());
+  const std::string topic = std::string(kNameSpace) + "/a/collector";
+  const auto publish = [&](const std::string& type, const std::string& payload) {
+    return raw.Publish(topic, payload.data(), static_cast<int>(payload.size()), type);
+  };
   std::vector<std::string> expected;
   for (const Garbage& garbage : GarbageForEveryType()) {
-    ASSERT_TRUE(raw.Publish(kNameSpace, "collector", garbage.type, garbage.payload));
+    ASSERT_TRUE(publish(garbage.type, garbage.payload));
     expected.push_back("report " + garbage.report);
   }
   // Still listening: a well-formed message after all that is delivered.
-  ASSERT_TRUE(raw.Publish(kNameSpace, "collector", "KelMsgStringType", Envelope("hello")));
+  ASSERT_TRUE(publish("KelMsgStringType", Envelope("hello")));
   expected.push_back("delivered KelMsgStringType 5");
-  ASSERT_TRUE(raw.Publish(kNameSpace, "collector", "KelMsgStringType", Envelope("quit")));
+  ASSERT_TRUE(publish("KelMsgStringType", Envelope("quit")));
+  ASSERT_TRUE(raw.Flush(10s));
 
   // A normal exit: with the leak checker built in, a leak fails it.
   EXPECT_EQ(collector.ExitCode(20s), 0);
