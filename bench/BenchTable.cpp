@@ -43,7 +43,7 @@ std::string Goal(const BenchRow& row, double ratio) {
 
 void PrintBenchRow(const BenchRow& row) {
   const double ratio = row.baselineFigure != 0 ? row.figure / row.baselineFigure : 0;
-  std::printf("| %s | %s | %s | %s | %.3f | %s |\n", row.what.c_str(),
+  std::printf("| %s | %s | %s | %s | %.3g | %s |\n", row.what.c_str(),
               Format(row.figure, row.unit).c_str(), row.baseline.c_str(),
               Format(row.baselineFigure, row.unit).c_str(), ratio, Goal(row, ratio).c_str());
   std::fflush(stdout);
