@@ -19,7 +19,7 @@ SuiteProcess::SuiteProcess(const char* application) : m_application(application)
 }
 
 SuiteProcess::~SuiteProcess() {
-  KelBusCloseCommunicator(m_communicator);
+  CloseCommunicator(m_communicator);
   KelMsgModules_finalizeC();
 }
 

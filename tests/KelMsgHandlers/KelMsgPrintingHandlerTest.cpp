@@ -30,7 +30,8 @@ TEST(KelMsgPrintingHandlerTest, WritesTheTraceLineThenTheMessagesPrintout) {
   const NoteMessage note("hello");
   handler.HandleMessage(note, "42");
   std::fflush(pipe.Stream());
-  EXPECT_EQ(pipe.Flushed(), std::string(kTraceFor42) + "Message Type: NoteMessage\n  note: hello\n");
+  EXPECT_EQ(pipe.Flushed(),
+            std::string(kTraceFor42) + "Message Type: NoteMessage\n  note: hello\n");
   EXPECT_EQ(note.Prints(), 1);
 
   handler.HandleMessage(note, "");

@@ -5,7 +5,8 @@
 
 PipeStream::PipeStream() {
   int ends[2];
-  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    return;
   m_readEnd = ends[0];
   m_stream = ::fdopen(ends[1], "w");
   if (m_stream == nullptr) {
@@ -17,8 +18,10 @@ PipeStream::PipeStream() {
 }
 
 PipeStream::~PipeStream() {
-  if (m_stream != nullptr) std::fclose(m_stream);
-  if (m_readEnd >= 0) ::close(m_readEnd);
+  if (m_stream != nullptr)
+    std::fclose(m_stream);
+  if (m_readEnd >= 0)
+    ::close(m_readEnd);
 }
 
 std::string PipeStream::Flushed() {

@@ -91,7 +91,7 @@ class FileTransferTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     s_broker = new TestBroker;
-    setenv("KELBUS_URL", s_broker->Url().c_str(), 1);
+    s_broker->ExportUrl();
   }
   static void TearDownTestSuite() {
     delete s_broker;
@@ -99,6 +99,7 @@ class FileTransferTest : public ::testing::Test {
   }
 
   void SetUp() override {
+    ASSERT_TRUE(s_broker->Running()) << s_broker->Error();
     fs::create_directories(m_mine.Path() / kJob);
     fs::create_directories(m_peers.Path() / kJob);
     ASSERT_EQ(KelMsgBBAPI::RegisterCommunicator(kTester, m_communicator), 0);
@@ -111,9 +112,11 @@ class FileTransferTest : public ::testing::Test {
 
   void TearDown() override {
     for (const std::string& peer : m_started) Command(peer, "quit");
-    m_children.clear();  // waits for each peer to leave
+    for (ChildProcess& child : m_children) {
+      EXPECT_EQ(child.ExitCode(std::chrono::seconds(30)), 0) << "a peer did not leave cleanly";
+    }
     m_engine.reset();
-    KelBusCloseCommunicator(m_communicator);
+    CloseCommunicator(m_communicator);
     KelMsgBBCallbackManager registry;
   }
 
@@ -128,7 +131,7 @@ class FileTransferTest : public ::testing::Test {
   void StartPeer(const std::string& name, const std::string& id = {}) {
     std::vector<std::string> argv = {KELMSG_TRANSFER_PEER, name, kTester};
     if (!id.empty()) argv.insert(argv.end(), {"--id", id});
-    m_children.push_back(std::make_unique<ChildProcess>(argv));
+    m_children.push_back(ChildProcess::Exec(argv));
     m_started.push_back(name);
     AwaitReply((id.empty() ? name : id) + ": ready");
   }
@@ -178,7 +181,7 @@ class FileTransferTest : public ::testing::Test {
   int m_communicator = -1;
   std::vector<std::string> m_replies;
   std::vector<std::string> m_started;
-  std::vector<std::unique_ptr<ChildProcess>> m_children;
+  std::vector<ChildProcess> m_children;
   std::unique_ptr<KelMsgFileTransfer> m_engine;
 };
 

@@ -10,9 +10,9 @@
 
 namespace {
 
-// The first `count` candidates of a fresh finder for `spec`.
-std::vector<int> Candidates(const std::string& spec, int count) {
-  KelMsgPortFinder finder{DovUnicodeString(spec.c_str())};
+// The first `count` candidates of a fresh finder for `portList`.
+std::vector<int> Candidates(const std::string& portList, int count) {
+  KelMsgPortFinder finder{DovUnicodeString(portList.c_str())};
   std::vector<int> candidates;
   for (int i = 0; i < count; ++i)
     candidates.push_back(finder.GetPort());
@@ -47,8 +47,8 @@ TEST(KelMsgPortFinderParseTest, RunsOfSeparatorsCountAsOne) {
 }
 
 TEST(KelMsgPortFinderParseTest, EmptyOrInvalidSpecificationHasNoCandidate) {
-  for (const char* spec : {"", ",", ",,,", "abc", "0", "0-10", "510-500,x-1"}) {
-    EXPECT_EQ(Candidates(spec, 3), (Ports{0, 0, 0})) << "spec \"" << spec << "\"";
+  for (const char* portList : {"", ",", ",,,", "abc", "0", "0-10", "510-500,x-1"}) {
+    EXPECT_EQ(Candidates(portList, 3), (Ports{0, 0, 0})) << "list \"" << portList << "\"";
   }
 }
 
@@ -62,14 +62,14 @@ class KelMsgPortFinderProbeTest : public ::testing::Test {
     m_ports = HoldAdjacentPorts();
     ASSERT_NE(m_ports.low, nullptr) << "no two adjacent free ports";
     m_low = m_ports.low->Port();
-    m_spec = std::to_string(m_low) + "-" + std::to_string(m_low + 1);
+    m_portList = std::to_string(m_low) + "-" + std::to_string(m_low + 1);
   }
 
-  KelMsgPortFinder Finder() const { return KelMsgPortFinder(DovUnicodeString(m_spec.c_str())); }
+  KelMsgPortFinder Finder() const { return KelMsgPortFinder(DovUnicodeString(m_portList.c_str())); }
 
   HeldPortPair m_ports;
   int m_low = 0;
-  std::string m_spec;
+  std::string m_portList;
 };
 
 TEST_F(KelMsgPortFinderProbeTest, ReturnsAFreePortAndGivesItUpAgain) {
@@ -97,7 +97,7 @@ TEST_F(KelMsgPortFinderProbeTest, GivesUpAfterOneFullCycle) {
   EXPECT_EQ(finder.FindOpenPort(), 0);
   EXPECT_EQ(finder.GetPort(), m_low) << "the search handed out each candidate once";
 
-  const std::string twice = m_spec + "," + m_spec;
+  const std::string twice = m_portList + "," + m_portList;
   KelMsgPortFinder overlapping{DovUnicodeString(twice.c_str())};
   EXPECT_EQ(overlapping.FindOpenPort(), 0);
   EXPECT_EQ(overlapping.GetPort(), m_low);
@@ -105,10 +105,10 @@ TEST_F(KelMsgPortFinderProbeTest, GivesUpAfterOneFullCycle) {
 }
 
 TEST(KelMsgPortFinderEmptyTest, WithoutRangesTheSystemChoosesAFreePort) {
-  for (const char* spec : {"", "abc,0-10"}) {
-    KelMsgPortFinder finder{DovUnicodeString(spec)};
+  for (const char* portList : {"", "abc,0-10"}) {
+    KelMsgPortFinder finder{DovUnicodeString(portList)};
     const int port = finder.FindOpenPort();
-    EXPECT_GT(port, 0) << "spec \"" << spec << "\"";
+    EXPECT_GT(port, 0) << "list \"" << portList << "\"";
     EXPECT_LT(port, 65535);
     EXPECT_TRUE(ListeningSocket(static_cast<std::uint16_t>(port)).IsListening());
   }

@@ -110,6 +110,6 @@ int main(int argc, char** argv) {
   peer->Reply("ready");
   KelMsgBBAPI::WaitingLoop(communicator, -1, peer->Quit());
   std::fflush(stdout);
-  KelBusCloseCommunicator(communicator);
+  CloseCommunicator(communicator);
   return 0;
 }

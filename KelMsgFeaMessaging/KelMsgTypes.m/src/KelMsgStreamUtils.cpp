@@ -29,7 +29,8 @@ bool KelMsgStreamUtils::UnstreamKelString(KelString& target, const char* buffer,
                                           int& offset) {
   KELMSG_ASSERT(0 <= offset && offset <= size);
   KelMsgPayloadReader payload(buffer + offset, size - offset);
-  if (!payload.ReadCountedString(target)) return false;
+  if (!payload.ReadCountedString(target))
+    return false;
   offset += payload.Offset();
   return true;
 }

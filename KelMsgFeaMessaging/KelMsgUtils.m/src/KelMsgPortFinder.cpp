@@ -53,9 +53,9 @@ int ProbePort(int candidate) {
 
 }  // namespace
 
-KelMsgPortFinder::KelMsgPortFinder(const DovUnicodeString& spec) {
+KelMsgPortFinder::KelMsgPortFinder(const DovUnicodeString& portList) {
   const DovUnicodeString comma(",");
-  DovToken items(spec, 0);
+  DovToken items(portList, 0);
   for (DovUnicodeString item = items.GetNextToken(comma, nullptr); item.GetLengthInChar() != 0;
        item = items.GetNextToken(comma, nullptr)) {
     const std::optional<std::pair<int, int>> range = ReadRange(item);

@@ -1,14 +1,14 @@
-// KelMsgPortFinder: finds a free TCP port in a port specification.
+// KelMsgPortFinder: finds a free TCP port in a list of ports.
 //
-// A specification is a comma-separated list of single ports and low-high
-// ranges, for example "5000,6000-6010".  Each port is a decimal number of
+// The list is a text of single ports and low-high ranges, separated by
+// commas, for example "5000,6000-6010".  Each port is a decimal number of
 // at least 1, read to its end (leading white space and a sign are allowed;
 // anything after the digits is not); an item that does not read, or whose
 // high port lies below its low port, is skipped without a report.  Within an
 // item only the first two "-"-separated numbers count ("1-5-9" is 1 to 5),
 // and runs of separators count as one ("1,,2" is 1 and 2; "-3" is 3).
 //
-// Candidates are handed out in the order of the specification, every port of
+// Candidates are handed out in the order of the list, every port of
 // every range in turn, and then again from the start, without end; ranges are
 // neither sorted nor merged.  The position lives in the object: each call goes
 // on after the last candidate handed out by either operation.
@@ -27,8 +27,8 @@ class DovUnicodeString;
 
 class KelMsgPortFinder {
  public:
-  // Parses `spec`; an empty or wholly invalid specification gives no range.
-  explicit KelMsgPortFinder(const DovUnicodeString& spec);
+  // Parses `portList`; an empty or wholly invalid list gives no range.
+  explicit KelMsgPortFinder(const DovUnicodeString& portList);
 
   // The next candidate port; 0, without moving, when there is no range.
   int GetPort();
