@@ -18,9 +18,6 @@
 // holds the names it sends to).  Property: an input leaves no descriptor
 // open once its engine is gone.
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>

@@ -378,6 +378,8 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   // Still listening: a well-formed message after all that is delivered.
   ASSERT_TRUE(publish("KelMsgStringType", Envelope("hello")));
   expected.push_back("delivered KelMsgStringType 5");
+  ASSERT_TRUE(publish("KelMsgAnalysisMessageType", Envelope(Int32(0))));
+  expected.push_back("delivered KelMsgAnalysisMessageType");
   ASSERT_TRUE(publish("KelMsgStringType", Envelope("quit")));
   ASSERT_TRUE(raw.Flush(10s));
 
