@@ -2,6 +2,7 @@
 
 #include <KelMsgFeaMessaging/mem_Operators.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -38,13 +39,16 @@ int BoundedLength(const char* bytes, int length) {
 
 bool IsContinuationByte(unsigned char byte) { return (byte & 0xC0U) == 0x80U; }
 
-// Bytes of the character that starts at `start`: that byte and the
-// continuation bytes after it.  The same boundaries as GetLengthInChar's, so
-// that text which is not UTF-8 counts the same both ways.
-unsigned CharacterLength(const unsigned char* text, unsigned start, unsigned length) {
-  unsigned end = start + 1;
+// Where the character that starts at `start` ends: after the byte that is no
+// continuation byte and the continuation bytes after it; continuation bytes
+// at the very start of the text belong to the first character.  These are
+// GetLengthInChar's boundaries, so text that is not UTF-8 counts the same.
+unsigned CharacterEnd(const unsigned char* text, unsigned start, unsigned length) {
+  unsigned end = start;
   while (end < length && IsContinuationByte(text[end])) ++end;
-  return end - start;
+  if (end < length) ++end;
+  while (end < length && IsContinuationByte(text[end])) ++end;
+  return end;
 }
 
 }  // namespace
@@ -142,11 +146,14 @@ void KelString::ConvertToUTF8(char* buffer, unsigned* count) const {
   unsigned written = 0;
   unsigned characters = 0;
   while (written < length) {
-    const unsigned step = CharacterLength(text, written, length);
-    if (written + step > capacity) break;
-    std::memcpy(buffer + written, text + written, step);
-    written += step;
-    ++characters;
+    const unsigned end = CharacterEnd(text, written, length);
+    if (end > capacity) break;
+    std::memcpy(buffer + written, text + written, end - written);
+    characters += static_cast<unsigned>(
+        std::count_if(text + written, text + end, [](unsigned char byte) {
+          return !IsContinuationByte(byte);
+        }));
+    written = end;
   }
   if (written < capacity) buffer[written] = '\0';
   *count = characters;
