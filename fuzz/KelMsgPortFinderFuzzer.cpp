@@ -1,4 +1,4 @@
-// An arbitrary port specification, as a client may pass on from a user:
+// An arbitrary list of ports, as a client may pass on from a user:
 // parsing it and walking the candidates it yields.
 //
 // Properties: a finder without ranges hands out 0 at every call; a finder
@@ -17,8 +17,8 @@ constexpr int kCandidates = 300;
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const DovUnicodeString spec(reinterpret_cast<const char*>(data), static_cast<int>(size));
-  KelMsgPortFinder finder(spec);
+  const DovUnicodeString list(reinterpret_cast<const char*>(data), static_cast<int>(size));
+  KelMsgPortFinder finder(list);
   const bool hasRanges = finder.GetPort() != 0;
   for (int i = 1; i < kCandidates; ++i) {
     const int port = finder.GetPort();
