@@ -6,15 +6,16 @@
 #   scripts/bench.sh                           # files of 1 GiB, best of 3 runs
 #   scripts/bench.sh --file-size 268435456 --repeat 1
 #
-# Arguments go to kelmsg_bus_bench: --file-size BYTES, --round-trips N,
-# --messages N (of 64 KiB), --repeat N.  Not part of the test command.
+# Arguments go to kelmsg_file_transfer_bench: --file-size BYTES, --repeat N.
+# Not part of the test command.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 cmake --preset default >/dev/null
 log=build/default/bench-build.log
-if ! cmake --build --preset default --target kelmsg_inprocess_bench kelmsg_bus_bench >"$log" 2>&1; then
+if ! cmake --build --preset default --target kelmsg_inprocess_bench kelbus_bench \
+  kelmsg_file_transfer_bench >"$log" 2>&1; then
   cat "$log"
   exit 1
 fi
@@ -22,4 +23,5 @@ fi
 echo "| measured | figure | baseline (same run) | baseline figure | ratio | goal |"
 echo "|---|---|---|---|---|---|"
 build/default/bench/kelmsg_inprocess_bench
-build/default/bench/kelmsg_bus_bench "$@"
+build/default/bench/kelbus_bench
+build/default/bench/kelmsg_file_transfer_bench "$@"

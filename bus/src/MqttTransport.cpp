@@ -117,17 +117,23 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
 }
 
 int MqttTransport::PrepareType(const char* type) {
-  if (m_typeProperties && m_lastType == type)
+  if (m_typePrepared && m_lastType == type)
     return KELBUS_OK;
-  mosquitto_property* properties = nullptr;
-  if (mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type) !=
-      MOSQ_ERR_SUCCESS) {
-    mosquitto_property_free_all(&properties);
-    m_typeProperties.reset();
-    return Fail(KELBUS_ERR_INVALID, "the type name is not valid UTF-8 text");
+  m_typePrepared = false;
+  m_typeProperties.reset();
+  // An empty type name travels as no content type at all: libmosquitto
+  // cannot copy an empty string property.
+  if (type[0] != '\0') {
+    mosquitto_property* properties = nullptr;
+    if (mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type) !=
+        MOSQ_ERR_SUCCESS) {
+      mosquitto_property_free_all(&properties);
+      return Fail(KELBUS_ERR_INVALID, "the type name is not valid UTF-8 text");
+    }
+    m_typeProperties.reset(properties);
   }
-  m_typeProperties.reset(properties);
   m_lastType = type;
+  m_typePrepared = true;
   return KELBUS_OK;
 }
 

@@ -71,7 +71,8 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   bool m_claimed = false;
   std::string m_lastTarget, m_targetTopic;
   std::string m_lastType;
-  Properties m_typeProperties;
+  bool m_typePrepared = false;
+  Properties m_typeProperties;  // null for the empty type name
 
   // Guards the pointer, which a claim replaces, for Health.
   mutable std::mutex m_linkMutex;

@@ -25,7 +25,8 @@
 // MAPPING ONTO MQTT
 //   <namespace>/a/<application>   messages to the application; the payload is
 //                                 the buffer byte for byte, the type name is
-//                                 the MQTT content type.  QoS 1.
+//                                 the MQTT content type (none for the empty
+//                                 name).  QoS 1.
 //   <namespace>/p/<application>   retained presence record of the holder of
 //                                 the name; the holder's will replaces it by
 //                                 its departure record.
@@ -166,7 +167,8 @@ typedef void (*KelBusDisconnectCallback)(int pid, const char* app, const char* h
 // broker; it may be null.  Waits until the broker has accepted the
 // connection, at most KELBUS_CONNECT_SECONDS.
 // Results: KELBUS_OK, KELBUS_ERR_INVALID (null `communicatorId`),
-// KELBUS_ERR_URL, KELBUS_ERR_UNREACHABLE, KELBUS_ERR_REFUSED.
+// KELBUS_ERR_URL, KELBUS_ERR_UNREACHABLE, KELBUS_ERR_REFUSED,
+// KELBUS_ERR_TRANSPORT.
 int RegisterCommunicator(const char* name, int* communicatorId);
 
 // Makes the communicator the holder of the application `applicationId`
@@ -178,12 +180,12 @@ int RegisterCommunicator(const char* name, int* communicatorId);
 //      is published and it gets KELBUS_ERR_NAME_LOST from then on.
 // A name whose holder died or closed is free with either flag.  Two
 // processes that declare one name at the same moment both succeed, and the
-// one that connected first loses the name at once (the broker never lets two
-// live clients hold it).  Returns once the communicator receives the
+// one that connected first loses the name within a second (the broker never
+// lets two live clients hold it).  Returns once the communicator receives the
 // application's messages and its presence record is published.
 // Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID,
 // KELBUS_ERR_ALREADY_DECLARED, KELBUS_ERR_NAME_HELD, KELBUS_ERR_UNREACHABLE,
-// KELBUS_ERR_REFUSED, KELBUS_ERR_DISCONNECTED.
+// KELBUS_ERR_REFUSED, KELBUS_ERR_DISCONNECTED, KELBUS_ERR_TRANSPORT.
 int DeclareApplicationId(int communicatorId, const char* applicationId, int flag);
 
 // Sends one message to the application `targetApplication`.  Calls `size`,
@@ -213,7 +215,8 @@ int AssociateHandler(int communicatorId, const char* name, KelBusReceiveCallback
 // interpreted and may be null.
 // Results: KELBUS_OK, KELBUS_ERR_BAD_ID, KELBUS_ERR_REFUSED,
 // KELBUS_ERR_DISCONNECTED (the callback is installed and reports start when
-// the connection is back).
+// the connection is back), KELBUS_ERR_TRANSPORT (no acknowledgement in
+// time).
 int AssociateDisconnectHandler(int communicatorId, const char* name,
                                KelBusDisconnectCallback disconnect);
 

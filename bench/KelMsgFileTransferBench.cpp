@@ -1,13 +1,11 @@
-// Costs through the bus, between real processes on a private broker, each
-// beside its baseline measured in the same run with a plain libmosquitto
-// client (RawMqttClient, built like the bus's connections) or with cp:
-//   - round trip of a 16-byte message;
-//   - throughput of 64 KiB messages;
-//   - a file pushed with SendFile and ISendFile and pulled with ReceiveFile,
-//     against the same bytes published in 64 KiB messages and against cp,
-//     with the peak resident size of both processes.
+// File transfer between real processes on a private broker: a file pushed
+// with SendFile and ISendFile and pulled with ReceiveFile, beside the same
+// bytes published in 64 KiB messages by a plain libmosquitto client
+// (RawMqttClient, built like the bus's connections) and beside cp, with the
+// peak resident size of both processes.  Round trip and throughput of
+// messages are kelbus_bench's.
 //
-//   kelmsg_bus_bench [--file-size BYTES] [--round-trips N] [--messages N] [--repeat N]
+//   kelmsg_file_transfer_bench [--file-size BYTES] [--repeat N]
 //
 // Every participant is a forked child; this process only starts the broker,
 // forks, and reads what each child reports through a pipe.
@@ -18,14 +16,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -37,7 +33,6 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
-#include <KelMsgFeaMessaging/KelMsgStringType.h>
 
 #include "BenchTable.h"
 #include "ChildProcess.h"
@@ -48,14 +43,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kSmallBytes = 16;
 constexpr int kLargeBytes = 64 * 1024;
 constexpr auto kChildLimit = std::chrono::minutes(5);
 
 struct Settings {
   std::uintmax_t fileSize = 1024ull * 1024 * 1024;
-  int roundTrips = 2000;
-  int messages = 2048;
   // Runs of every measurement; the best one counts, since the machine may be
   // shared and the best run is the one least disturbed.
   int repeat = 3;
@@ -151,91 +143,10 @@ bool Join(const char* application) {
   return KelMsgBBAPI::EnableReceiveHandling(g_communicator, application) == KELBUS_OK;
 }
 
-void SendText(const char* target, const std::string& text) {
-  KelMsgStringType message;
-  message.SetData(text.data(), static_cast<int>(text.size()));
-  KelMsgBBAPI::SendRequest(g_communicator, target, message);
-}
-
-// Calls `react` for every raw string message.
-class StringHandler : public KelMsgBBMessageHandler {
- public:
-  explicit StringHandler(std::function<void(const KelMsgStringType&, const char*)> react)
-      : m_react(std::move(react)) {}
-  void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    m_react(static_cast<const KelMsgStringType&>(msg), id);
-  }
-
- private:
-  std::function<void(const KelMsgStringType&, const char*)> m_react;
-};
-
-void AdoptStrings(std::function<void(const KelMsgStringType&, const char*)> react) {
-  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType,
-                                                    new StringHandler(std::move(react)));
-}
-
 // Waits in the bus's loop for ever: a server stays until it is killed.
 int Serve() {
   int never = -1;
   KelMsgBBAPI::WaitingLoop(g_communicator, -1, never);
-  return 0;
-}
-
-int LibraryEcho(ReportPipe& report) {
-  if (!Join("echo"))
-    return 1;
-  AdoptStrings([](const KelMsgStringType& msg, const char* id) {
-    KelMsgBBAPI::SendRequest(g_communicator, id, msg);
-  });
-  report.Send("ready");
-  return Serve();
-}
-
-int LibraryPing(ReportPipe& report, int roundTrips) {
-  if (!Join("ping"))
-    return 1;
-  int answers = 0;
-  AdoptStrings([&answers](const KelMsgStringType&, const char*) { ++answers; });
-  const std::string text(kSmallBytes, 'p');
-  const auto roundTrip = [&] {
-    SendText("echo", text);
-    KelMsgBBAPI::WaitingLoop(g_communicator, -1, answers);
-  };
-  for (int i = 0; i < roundTrips / 10; ++i)
-    roundTrip();
-  const double start = Now();
-  for (int i = 0; i < roundTrips; ++i)
-    roundTrip();
-  report.Send(Line("rtt", {(Now() - start) / roundTrips}));
-  return 0;
-}
-
-int LibrarySink(ReportPipe& report, int messages) {
-  if (!Join("sink"))
-    return 1;
-  int received = 0;
-  AdoptStrings([&received, messages](const KelMsgStringType&, const char* id) {
-    if (++received == messages)
-      SendText(id, "done");
-  });
-  report.Send("ready");
-  return Serve();
-}
-
-int LibraryBlast(ReportPipe& report, int messages) {
-  if (!Join("blast"))
-    return 1;
-  int done = 0;
-  AdoptStrings([&done](const KelMsgStringType&, const char*) { ++done; });
-  const std::vector<char> bytes(kLargeBytes, 'b');
-  KelMsgStringType message;
-  message.SetData(bytes.data(), kLargeBytes);
-  const double start = Now();
-  for (int i = 0; i < messages; ++i)
-    KelMsgBBAPI::SendRequest(g_communicator, "sink", message);
-  KelMsgBBAPI::WaitingLoop(g_communicator, -1, done);
-  report.Send(Line("seconds", {Now() - start}));
   return 0;
 }
 
@@ -318,87 +229,6 @@ int LibraryFileClient(ReportPipe& report, Way way, const FileNames& files) {
 
 // --- Participants with the plain client ------------------------------------
 
-// Counts arrivals for a thread that waits for them.
-class Arrivals {
- public:
-  void Add() {
-    std::lock_guard lock(m_mutex);
-    ++m_count;
-    m_changed.notify_all();
-  }
-  void AwaitCount(long count) {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_count >= count; });
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  long m_count = 0;
-};
-
-int RawEcho(ReportPipe& report, int port) {
-  RawMqttClient* self = nullptr;
-  RawMqttClient client(port, [&self](const std::string&, const char* bytes, int size) {
-    self->Publish("raw/ping", bytes, size);
-  });
-  self = &client;
-  if (!client.Subscribe("raw/echo"))
-    return 1;
-  report.Send("ready");
-  pause();
-  return 0;
-}
-
-int RawPing(ReportPipe& report, int port, int roundTrips) {
-  Arrivals answers;
-  RawMqttClient client(port, [&answers](const std::string&, const char*, int) { answers.Add(); });
-  if (!client.Subscribe("raw/ping"))
-    return 1;
-  const std::string text(kSmallBytes, 'p');
-  long sent = 0;
-  const auto roundTrip = [&] {
-    client.Publish("raw/echo", text.data(), kSmallBytes);
-    answers.AwaitCount(++sent);
-  };
-  for (int i = 0; i < roundTrips / 10; ++i)
-    roundTrip();
-  const double start = Now();
-  for (int i = 0; i < roundTrips; ++i)
-    roundTrip();
-  report.Send(Line("rtt", {(Now() - start) / roundTrips}));
-  return 0;
-}
-
-int RawSink(ReportPipe& report, int port, int messages) {
-  RawMqttClient* self = nullptr;
-  int received = 0;
-  RawMqttClient client(port, [&](const std::string&, const char*, int) {
-    if (++received == messages)
-      self->Publish("raw/blast", "done", 4);
-  });
-  self = &client;
-  if (!client.Subscribe("raw/sink"))
-    return 1;
-  report.Send("ready");
-  pause();
-  return 0;
-}
-
-int RawBlast(ReportPipe& report, int port, int messages) {
-  Arrivals done;
-  RawMqttClient client(port, [&done](const std::string&, const char*, int) { done.Add(); });
-  if (!client.Subscribe("raw/blast"))
-    return 1;
-  const std::vector<char> bytes(kLargeBytes, 'b');
-  const double start = Now();
-  for (int i = 0; i < messages; ++i)
-    client.Publish("raw/sink", bytes.data(), kLargeBytes);
-  done.AwaitCount(1);
-  report.Send(Line("seconds", {Now() - start}));
-  return 0;
-}
-
 // Writes what arrives to `target`; an empty message ends the file.
 int RawFileReceiver(ReportPipe& report, int port, const std::string& target) {
   const int file = open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0640);
@@ -442,47 +272,11 @@ ChildProcess ServerAndClient(ReportPipe& serverReport, const std::function<int()
                              const std::function<int()>& client) {
   ChildProcess serverProcess = ChildProcess::Fork(server);
   if (serverReport.Receive() != "ready") {
-    std::fprintf(stderr, "kelmsg_bus_bench: a server did not start\n");
+    std::fprintf(stderr, "kelmsg_file_transfer_bench: a server did not start\n");
     std::exit(1);
   }
   ChildProcess::Fork(client).ExitCode(kChildLimit);
   return serverProcess;
-}
-
-double LibraryRoundTrip(const Settings& settings) {
-  ReportPipe server;
-  ReportPipe client;
-  const ChildProcess echo = ServerAndClient(
-      server, [&] { return LibraryEcho(server); },
-      [&] { return LibraryPing(client, settings.roundTrips); });
-  return client.ReceiveNumbers().at(0);
-}
-
-double RawRoundTrip(const Settings& settings, int port) {
-  ReportPipe server;
-  ReportPipe client;
-  const ChildProcess echo = ServerAndClient(
-      server, [&] { return RawEcho(server, port); },
-      [&] { return RawPing(client, port, settings.roundTrips); });
-  return client.ReceiveNumbers().at(0);
-}
-
-double LibraryThroughput(const Settings& settings) {
-  ReportPipe server;
-  ReportPipe client;
-  const ChildProcess sink = ServerAndClient(
-      server, [&] { return LibrarySink(server, settings.messages); },
-      [&] { return LibraryBlast(client, settings.messages); });
-  return static_cast<double>(settings.messages) * kLargeBytes / client.ReceiveNumbers().at(0);
-}
-
-double RawThroughput(const Settings& settings, int port) {
-  ReportPipe server;
-  ReportPipe client;
-  const ChildProcess sink = ServerAndClient(
-      server, [&] { return RawSink(server, port, settings.messages); },
-      [&] { return RawBlast(client, port, settings.messages); });
-  return static_cast<double>(settings.messages) * kLargeBytes / client.ReceiveNumbers().at(0);
 }
 
 struct Transfer {
@@ -547,7 +341,8 @@ void WriteSourceFile(const std::string& path, std::uintmax_t size) {
 
 void CheckCopy(const FileNames& files, std::uintmax_t size, const char* what) {
   if (fs::file_size(files.directory + "/" + files.target) != size)
-    std::fprintf(stderr, "kelmsg_bus_bench: %s delivered a file of the wrong size\n", what);
+    std::fprintf(stderr, "kelmsg_file_transfer_bench: %s delivered a file of the wrong size\n",
+                 what);
   fs::remove(files.directory + "/" + files.target);
 }
 
@@ -607,16 +402,10 @@ Settings Parse(int argc, char** argv) {
     const std::string flag = argv[i];
     if (flag == "--file-size") {
       settings.fileSize = std::strtoull(argv[i + 1], nullptr, 10);
-    } else if (flag == "--round-trips") {
-      settings.roundTrips = std::atoi(argv[i + 1]);
-    } else if (flag == "--messages") {
-      settings.messages = std::atoi(argv[i + 1]);
     } else if (flag == "--repeat") {
       settings.repeat = std::max(1, std::atoi(argv[i + 1]));
     } else {
-      std::fprintf(stderr,
-                   "usage: kelmsg_bus_bench [--file-size BYTES] [--round-trips N] "
-                   "[--messages N] [--repeat N]\n");
+      std::fprintf(stderr, "usage: kelmsg_file_transfer_bench [--file-size BYTES] [--repeat N]\n");
       std::exit(2);
     }
   }
@@ -629,26 +418,12 @@ int main(int argc, char** argv) {
   const Settings settings = Parse(argc, argv);
   TestBroker broker;
   if (!broker.Running()) {
-    std::fprintf(stderr, "kelmsg_bus_bench: %s\n", broker.Error().c_str());
+    std::fprintf(stderr, "kelmsg_file_transfer_bench: %s\n", broker.Error().c_str());
     return 1;
   }
   broker.ExportUrl("bench");
   const int port = broker.Port();
 
-  double libraryTrip = 1e300;
-  double rawTrip = 1e300;
-  double libraryRate = 0;
-  double rawRate = 0;
-  for (int run = 0; run < settings.repeat; ++run) {
-    libraryTrip = std::min(libraryTrip, LibraryRoundTrip(settings));
-    rawTrip = std::min(rawTrip, RawRoundTrip(settings, port));
-    libraryRate = std::max(libraryRate, LibraryThroughput(settings));
-    rawRate = std::max(rawRate, RawThroughput(settings, port));
-  }
-  PrintBenchRow({"round trip, 16-byte message", libraryTrip, "raw libmosquitto", rawTrip,
-                 BenchUnit::kSeconds, BenchGoal::kAtMost, 1.25});
-  PrintBenchRow({"throughput, 64 KiB messages", libraryRate, "raw libmosquitto", rawRate,
-                 BenchUnit::kBytesPerSecond, BenchGoal::kAtLeast, 0.85});
   FileTransferRows(settings, port);
   return 0;
 }

@@ -1,0 +1,314 @@
+// The bus against raw libmosquitto, measured side by side in one run against
+// one private broker (config/kelbus-mosquitto.conf on a free port):
+//   - round trip of a small message: KelMsgBBAPI (registry, waiting loop on
+//     the caller's thread) versus a raw publish/subscribe echo at QoS 1;
+//   - throughput of 64 KiB messages from one process to another.
+// The two alternate (round trips in blocks, throughput in back-to-back
+// pairs) so that both see the same machine load; on a shared machine single
+// pairs still vary a lot, so the medians are the figures printed, as rows of
+// the benchmark table (BenchTable.h).
+//
+//   kelbus_bench [round-trips per round] [messages per pair] [rounds]
+#include <unistd.h>
+
+#include <KelMsgFeaMessaging/KelBus.h>
+#include <KelMsgFeaMessaging/KelMsgBBAPI.h>
+#include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
+#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
+#include <KelMsgFeaMessaging/KelMsgStringType.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchTable.h"
+#include "ChildProcess.h"
+#include "RawMqttClient.h"
+#include "TestBroker.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::duration;
+
+constexpr int kSmallBytes = 16;
+constexpr int kBlockBytes = 64 * 1024;
+constexpr int kWarmUp = 20;
+// Round trips are measured in this many alternating blocks per round.
+constexpr int kBlocksPerRound = 10;
+constexpr int kThroughputPairsPerRound = 2;
+
+[[noreturn]] void Die(const std::string& why) {
+  std::fprintf(stderr, "kelbus_bench: %s\n", why.c_str());
+  std::exit(1);
+}
+
+// ---------------------------------------------------------------- the bus
+
+// Calls a function for every string message; the sender's identifier is
+// where answers go.
+class StringHandler : public KelMsgBBMessageHandler {
+ public:
+  using Reaction = std::function<void(const KelMsgStringType&, const char* id)>;
+  explicit StringHandler(Reaction reaction) : m_reaction(std::move(reaction)) {}
+  void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
+    m_reaction(static_cast<const KelMsgStringType&>(msg), id);
+  }
+
+ private:
+  Reaction m_reaction;
+};
+
+// Joins the bus as `app`, handling string messages with `reaction`.  A
+// forked process first drops the handlers it inherited.
+int JoinBus(const char* app, StringHandler::Reaction reaction) {
+  { KelMsgBBCallbackManager inherited; }
+  int id = 0;
+  if (KelMsgBBAPI::RegisterCommunicator(app, id) != KELBUS_OK ||
+      KelMsgBBAPI::DeclareApplicationId(id, app, true) != KELBUS_OK) {
+    Die(std::string("cannot join the bus: ") + KelBusLastError());
+  }
+  KelMsgBBCallbackManager::SetMessageID(app);
+  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType,
+                                                    new StringHandler(std::move(reaction)));
+  KelMsgBBAPI::EnableReceiveHandling(id, app);
+  return id;
+}
+
+int SendBytes(int communicator, const char* target, const std::string& bytes) {
+  KelMsgStringType message;
+  message.SetData(bytes.data(), static_cast<int>(bytes.size()));
+  return KelMsgBBAPI::SendRequest(communicator, target, message);
+}
+
+// Echoes every message to its sender; an empty message ends the process.
+int BusEcho() {
+  int stop = -1;
+  int id = 0;
+  id = JoinBus("echo", [&](const KelMsgStringType& message, const char* from) {
+    if (message.Size() == 0)
+      stop = 0;
+    KelMsgBBAPI::SendRequest(id, from, message);
+  });
+  KelMsgBBAPI::WaitingLoop(id, -1, stop);
+  CloseCommunicator(id);
+  return 0;
+}
+
+std::vector<double> BusRoundTrips(int pinger, int& answered, int count) {
+  const std::string ping(kSmallBytes, 'p');
+  std::vector<double> micros;
+  for (int i = 0; i < kWarmUp + count; ++i) {
+    const auto start = Clock::now();
+    answered = -1;
+    if (SendBytes(pinger, "echo", ping) != KELBUS_OK)
+      Die(KelBusLastError());
+    if (KelMsgBBAPI::WaitingLoop(pinger, 10000, answered) != KELBUS_OK)
+      Die("no echo");
+    if (i >= kWarmUp)
+      micros.push_back(duration<double, std::micro>(Clock::now() - start).count());
+  }
+  return micros;
+}
+
+// Sends `count` blocks to "sink" once the sink says go.
+int BusSource(int count) {
+  int go = -1;
+  const int id = JoinBus("source", [&](const KelMsgStringType&, const char*) { go = 0; });
+  KelMsgBBAPI::WaitingLoop(id, -1, go);
+  const std::string block(kBlockBytes, 'b');
+  for (int i = 0; i < count; ++i) {
+    if (SendBytes(id, "sink", block) != KELBUS_OK)
+      return 1;
+  }
+  CloseCommunicator(id);
+  return 0;
+}
+
+double BusThroughput(int count) {
+  int received = 0;
+  int done = -1;
+  const int sink = JoinBus("sink", [&](const KelMsgStringType& message, const char*) {
+    if (message.Size() != kBlockBytes)
+      Die("a block of the wrong size");
+    if (++received == count)
+      done = 0;
+  });
+  ChildProcess source = ChildProcess::Fork([count] { return BusSource(count); });
+  // The source says nothing until it can receive "go"; sending until it
+  // arrives would time the source's start-up.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto start = Clock::now();
+  SendBytes(sink, "source", "go");
+  if (KelMsgBBAPI::WaitingLoop(sink, 120000, done) != KELBUS_OK)
+    Die("the blocks did not arrive");
+  const double seconds = duration<double>(Clock::now() - start).count();
+  if (source.ExitCode(std::chrono::seconds(30)) != 0)
+    Die("the bus source failed");
+  CloseCommunicator(sink);
+  return count / seconds;
+}
+
+// ---------------------------------------------------------------- raw
+
+// Lets one thread wait until another has raised it since the last wait.
+class Signal {
+ public:
+  void Raise() {
+    std::lock_guard lock(m_mutex);
+    m_raised = true;
+    m_changed.notify_all();
+  }
+  void Await() {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_raised; });
+    m_raised = false;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_raised = false;
+};
+
+void Subscribe(RawMqttClient& client, const char* topic) {
+  if (!client.Connected() || !client.Subscribe(topic))
+    Die(std::string("raw subscription to ") + topic);
+}
+
+// Echoes raw/ping to raw/pong from its network thread; an empty message ends
+// it.
+int RawEcho(int port) {
+  Signal stop;
+  RawMqttClient* echo = nullptr;
+  RawMqttClient client(port, [&](const std::string&, const char* bytes, int size) {
+    echo->Publish("raw/pong", bytes, size);
+    if (size == 0)
+      stop.Raise();
+  });
+  echo = &client;
+  Subscribe(client, "raw/ping");
+  stop.Await();
+  return 0;
+}
+
+std::vector<double> RawRoundTrips(RawMqttClient& pinger, Signal& answered, int count) {
+  const std::string ping(kSmallBytes, 'p');
+  std::vector<double> micros;
+  for (int i = 0; i < kWarmUp + count; ++i) {
+    const auto start = Clock::now();
+    if (!pinger.Publish("raw/ping", ping.data(), kSmallBytes))
+      Die("raw publish");
+    answered.Await();
+    if (i >= kWarmUp)
+      micros.push_back(duration<double, std::micro>(Clock::now() - start).count());
+  }
+  return micros;
+}
+
+double RawThroughput(int port, int count) {
+  int received = 0;
+  Signal done;
+  RawMqttClient sink(port, [&](const std::string&, const char*, int size) {
+    if (size != kBlockBytes)
+      Die("a raw block of the wrong size");
+    if (++received == count)
+      done.Raise();
+  });
+  Subscribe(sink, "raw/blocks");
+  const std::string block(kBlockBytes, 'b');
+  ChildProcess source = ChildProcess::Fork([&] {
+    Signal go;
+    RawMqttClient client(port, [&go](const std::string&, const char*, int) { go.Raise(); });
+    Subscribe(client, "raw/go");
+    go.Await();
+    for (int i = 0; i < count; ++i)
+      client.Publish("raw/blocks", block.data(), kBlockBytes);
+    go.Await();  // the sink's "done"
+    return 0;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto start = Clock::now();
+  sink.Publish("raw/go", "go", 2);
+  done.Await();
+  const double seconds = duration<double>(Clock::now() - start).count();
+  sink.Publish("raw/go", "done", 4);
+  if (source.ExitCode(std::chrono::seconds(30)) != 0)
+    Die("the raw source failed");
+  return count / seconds;
+}
+
+// ---------------------------------------------------------------- report
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+double Percentile(std::vector<double> values, double fraction) {
+  std::sort(values.begin(), values.end());
+  return values[static_cast<std::size_t>(fraction * (values.size() - 1))];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int roundTrips = argc > 1 ? std::atoi(argv[1]) : 3000;
+  const int blocks = argc > 2 ? std::atoi(argv[2]) : 1000;
+  const int rounds = argc > 3 ? std::atoi(argv[3]) : 6;
+  TestBroker broker;
+  if (!broker.Running())
+    Die(broker.Error());
+  broker.ExportUrl("bench");
+
+  // Round trips: both echoes stay up, and blocks of the two alternate.
+  std::vector<double> busTrips, rawTrips;
+  {
+    const int port = broker.Port();
+    ChildProcess busEcho = ChildProcess::Fork(&BusEcho);
+    ChildProcess rawEcho = ChildProcess::Fork([port] { return RawEcho(port); });
+    int answered = -1;
+    const int pinger =
+        JoinBus("pinger", [&](const KelMsgStringType&, const char*) { answered = 0; });
+    Signal rawAnswered;
+    RawMqttClient rawPinger(port,
+                            [&](const std::string&, const char*, int) { rawAnswered.Raise(); });
+    Subscribe(rawPinger, "raw/pong");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    for (int block = 0; block < rounds * kBlocksPerRound; ++block) {
+      const auto bus = BusRoundTrips(pinger, answered, roundTrips / kBlocksPerRound);
+      const auto raw = RawRoundTrips(rawPinger, rawAnswered, roundTrips / kBlocksPerRound);
+      busTrips.insert(busTrips.end(), bus.begin(), bus.end());
+      rawTrips.insert(rawTrips.end(), raw.begin(), raw.end());
+    }
+    SendBytes(pinger, "echo", "");
+    rawPinger.Publish("raw/ping", "", 0);
+    busEcho.ExitCode(std::chrono::seconds(10));
+    rawEcho.ExitCode(std::chrono::seconds(10));
+    CloseCommunicator(pinger);
+  }
+  // Throughput: bus and raw rounds back to back.
+  std::vector<double> busRates, rawRates;
+  for (int round = 0; round < rounds * kThroughputPairsPerRound; ++round) {
+    busRates.push_back(BusThroughput(blocks));
+    rawRates.push_back(RawThroughput(broker.Port(), blocks));
+  }
+
+  const double micro = 1e-6;
+  PrintBenchRow({"round trip, 16-byte message (median)", Median(busTrips) * micro,
+                 "raw libmosquitto", Median(rawTrips) * micro, BenchUnit::kSeconds,
+                 BenchGoal::kAtMost, 1.25});
+  PrintBenchRow({"round trip, 16-byte message (90th percentile)", Percentile(busTrips, 0.9) * micro,
+                 "raw libmosquitto", Percentile(rawTrips, 0.9) * micro, BenchUnit::kSeconds});
+  PrintBenchRow({"throughput, 64 KiB messages (median of rounds)", Median(busRates) * kBlockBytes,
+                 "raw libmosquitto", Median(rawRates) * kBlockBytes, BenchUnit::kBytesPerSecond,
+                 BenchGoal::kAtLeast, 0.85});
+  return 0;
+}
