@@ -5,11 +5,10 @@
 //   - throughput of 64 KiB messages from one process to another.
 // The two alternate (round trips in blocks, throughput in back-to-back
 // pairs) so that both see the same machine load; on a shared machine single
-// pairs still vary a lot, so the medians are the figures to read.
+// pairs still vary a lot, so the medians are the figures printed, as rows of
+// the benchmark table (BenchTable.h).
 //
 //   kelbus_bench [round-trips per round] [messages per pair] [rounds]
-#include <mosquitto.h>
-#include <mqtt_protocol.h>
 #include <unistd.h>
 
 #include <KelMsgFeaMessaging/KelBus.h>
@@ -29,7 +28,9 @@
 #include <thread>
 #include <vector>
 
+#include "BenchTable.h"
 #include "ChildProcess.h"
+#include "RawMqttClient.h"
 #include "TestBroker.h"
 
 namespace {
@@ -157,105 +158,55 @@ double BusThroughput(int count) {
 
 // ---------------------------------------------------------------- raw
 
-// One libmosquitto client on its own network thread, MQTT 5, QoS 1.
-class RawClient {
+// Lets one thread wait until another has raised it since the last wait.
+class Signal {
  public:
-  using Reaction = std::function<void(RawClient&, const mosquitto_message&)>;
-
-  RawClient(int port, const std::string& subscription, Reaction reaction)
-      : m_reaction(std::move(reaction)) {
-    m_mosq = mosquitto_new(nullptr, true, this);
-    mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
-    mosquitto_int_option(m_mosq, MOSQ_OPT_TCP_NODELAY, 1);
-    mosquitto_message_callback_set(m_mosq, [](mosquitto*, void* self, const mosquitto_message* m) {
-      auto& client = *static_cast<RawClient*>(self);
-      client.m_reaction(client, *m);
-    });
-    mosquitto_publish_callback_set(m_mosq, [](mosquitto*, void* self, int) {
-      auto& client = *static_cast<RawClient*>(self);
-      std::lock_guard lock(client.m_mutex);
-      --client.m_inFlight;
-      client.m_changed.notify_all();
-    });
-    mosquitto_subscribe_callback_set(m_mosq, [](mosquitto*, void* self, int, int, const int*) {
-      auto& client = *static_cast<RawClient*>(self);
-      std::lock_guard lock(client.m_mutex);
-      client.m_subscribed = true;
-      client.m_changed.notify_all();
-    });
-    if (mosquitto_connect(m_mosq, "127.0.0.1", port, 10) != MOSQ_ERR_SUCCESS)
-      Die("raw connect");
-    mosquitto_loop_start(m_mosq);
-    mosquitto_subscribe(m_mosq, nullptr, subscription.c_str(), 1);
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_subscribed; });
-  }
-
-  ~RawClient() {
-    mosquitto_disconnect(m_mosq);
-    mosquitto_loop_stop(m_mosq, false);
-    mosquitto_destroy(m_mosq);
-  }
-
-  // Publishes once fewer than `window` bytes wait for the broker's
-  // acknowledgement, as the bus does.
-  void PublishPaced(const std::string& topic, const void* bytes, int size, int window) {
-    {
-      std::unique_lock lock(m_mutex);
-      m_changed.wait(lock, [&] { return m_inFlight == 0 || (m_inFlight + 1) * size <= window; });
-      ++m_inFlight;
-    }
-    Publish(topic, bytes, size);
-  }
-
-  void Publish(const std::string& topic, const void* bytes, int size) {
-    if (mosquitto_publish(m_mosq, nullptr, topic.c_str(), size, bytes, 1, false) !=
-        MOSQ_ERR_SUCCESS) {
-      Die("raw publish");
-    }
-  }
-
-  // Blocks until `Signal` was called since the last wait.
-  void Wait() {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_signalled; });
-    m_signalled = false;
-  }
-  void Signal() {
+  void Raise() {
     std::lock_guard lock(m_mutex);
-    m_signalled = true;
+    m_raised = true;
     m_changed.notify_all();
+  }
+  void Await() {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_raised; });
+    m_raised = false;
   }
 
  private:
-  mosquitto* m_mosq;
-  Reaction m_reaction;
   std::mutex m_mutex;
   std::condition_variable m_changed;
-  bool m_subscribed = false;
-  bool m_signalled = false;
-  int m_inFlight = 0;
+  bool m_raised = false;
 };
+
+void Subscribe(RawMqttClient& client, const char* topic) {
+  if (!client.Connected() || !client.Subscribe(topic))
+    Die(std::string("raw subscription to ") + topic);
+}
 
 // Echoes raw/ping to raw/pong from its network thread; an empty message ends
 // it.
 int RawEcho(int port) {
-  RawClient echo(port, "raw/ping", [](RawClient& client, const mosquitto_message& message) {
-    client.Publish("raw/pong", message.payload, message.payloadlen);
-    if (message.payloadlen == 0)
-      client.Signal();
+  Signal stop;
+  RawMqttClient* echo = nullptr;
+  RawMqttClient client(port, [&](const std::string&, const char* bytes, int size) {
+    echo->Publish("raw/pong", bytes, size);
+    if (size == 0)
+      stop.Raise();
   });
-  echo.Wait();
+  echo = &client;
+  Subscribe(client, "raw/ping");
+  stop.Await();
   return 0;
 }
 
-std::vector<double> RawRoundTrips(RawClient& pinger, int count) {
+std::vector<double> RawRoundTrips(RawMqttClient& pinger, Signal& answered, int count) {
   const std::string ping(kSmallBytes, 'p');
   std::vector<double> micros;
   for (int i = 0; i < kWarmUp + count; ++i) {
     const auto start = Clock::now();
-    pinger.Publish("raw/ping", ping.data(), kSmallBytes);
-    pinger.Wait();
+    if (!pinger.Publish("raw/ping", ping.data(), kSmallBytes))
+      Die("raw publish");
+    answered.Await();
     if (i >= kWarmUp)
       micros.push_back(duration<double, std::micro>(Clock::now() - start).count());
   }
@@ -264,26 +215,29 @@ std::vector<double> RawRoundTrips(RawClient& pinger, int count) {
 
 double RawThroughput(int port, int count) {
   int received = 0;
-  RawClient sink(port, "raw/blocks", [&](RawClient& client, const mosquitto_message& message) {
-    if (message.payloadlen != kBlockBytes)
+  Signal done;
+  RawMqttClient sink(port, [&](const std::string&, const char*, int size) {
+    if (size != kBlockBytes)
       Die("a raw block of the wrong size");
     if (++received == count)
-      client.Signal();
+      done.Raise();
   });
+  Subscribe(sink, "raw/blocks");
   const std::string block(kBlockBytes, 'b');
   ChildProcess source = ChildProcess::Fork([&] {
-    RawClient client(port, "raw/go", [](RawClient& c, const mosquitto_message&) { c.Signal(); });
-    client.Wait();
-    for (int i = 0; i < count; ++i) {
-      client.PublishPaced("raw/blocks", block.data(), kBlockBytes, KELBUS_SEND_WINDOW_BYTES);
-    }
-    client.Wait();  // the sink's "done"
+    Signal go;
+    RawMqttClient client(port, [&go](const std::string&, const char*, int) { go.Raise(); });
+    Subscribe(client, "raw/go");
+    go.Await();
+    for (int i = 0; i < count; ++i)
+      client.Publish("raw/blocks", block.data(), kBlockBytes);
+    go.Await();  // the sink's "done"
     return 0;
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const auto start = Clock::now();
   sink.Publish("raw/go", "go", 2);
-  sink.Wait();
+  done.Await();
   const double seconds = duration<double>(Clock::now() - start).count();
   sink.Publish("raw/go", "done", 4);
   if (source.ExitCode(std::chrono::seconds(30)) != 0)
@@ -313,7 +267,6 @@ int main(int argc, char** argv) {
   if (!broker.Running())
     Die(broker.Error());
   broker.ExportUrl("bench");
-  mosquitto_lib_init();
 
   // Round trips: both echoes stay up, and blocks of the two alternate.
   std::vector<double> busTrips, rawTrips;
@@ -324,12 +277,14 @@ int main(int argc, char** argv) {
     int answered = -1;
     const int pinger =
         JoinBus("pinger", [&](const KelMsgStringType&, const char*) { answered = 0; });
-    RawClient rawPinger(port, "raw/pong",
-                        [](RawClient& client, const mosquitto_message&) { client.Signal(); });
+    Signal rawAnswered;
+    RawMqttClient rawPinger(port,
+                            [&](const std::string&, const char*, int) { rawAnswered.Raise(); });
+    Subscribe(rawPinger, "raw/pong");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     for (int block = 0; block < rounds * kBlocksPerRound; ++block) {
       const auto bus = BusRoundTrips(pinger, answered, roundTrips / kBlocksPerRound);
-      const auto raw = RawRoundTrips(rawPinger, roundTrips / kBlocksPerRound);
+      const auto raw = RawRoundTrips(rawPinger, rawAnswered, roundTrips / kBlocksPerRound);
       busTrips.insert(busTrips.end(), bus.begin(), bus.end());
       rawTrips.insert(rawTrips.end(), raw.begin(), raw.end());
     }
@@ -339,28 +294,21 @@ int main(int argc, char** argv) {
     rawEcho.ExitCode(std::chrono::seconds(10));
     CloseCommunicator(pinger);
   }
-  // Throughput: bus and raw rounds back to back, compared pair by pair.
-  std::vector<double> busRates, rawRates, rateRatios;
+  // Throughput: bus and raw rounds back to back.
+  std::vector<double> busRates, rawRates;
   for (int round = 0; round < rounds * kThroughputPairsPerRound; ++round) {
     busRates.push_back(BusThroughput(blocks));
     rawRates.push_back(RawThroughput(broker.Port(), blocks));
-    rateRatios.push_back(busRates.back() / rawRates.back());
   }
 
-  const double busMedian = Median(busTrips), rawMedian = Median(rawTrips);
-  const double busRate = Median(busRates), rawRate = Median(rawRates);
-  const double mib = kBlockBytes / (1024.0 * 1024.0);
-  std::printf("KelBus benchmark: %d rounds, mosquitto on 127.0.0.1:%d\n\n", rounds, broker.Port());
-  std::printf("round trip, %d-byte message (%d per round)\n", kSmallBytes, roundTrips);
-  std::printf("  KelMsgBBAPI      median %8.1f us   p90 %8.1f us\n", busMedian,
-              Percentile(busTrips, 0.9));
-  std::printf("  raw libmosquitto median %8.1f us   p90 %8.1f us\n", rawMedian,
-              Percentile(rawTrips, 0.9));
-  std::printf("  ratio %.2fx (goal: at most 1.25x)\n\n", busMedian / rawMedian);
-  std::printf("throughput, 64 KiB messages (%d per pair, median of pairs)\n", blocks);
-  std::printf("  KelMsgBBAPI      %8.0f msg/s  %7.1f MiB/s\n", busRate, busRate * mib);
-  std::printf("  raw libmosquitto %8.0f msg/s  %7.1f MiB/s\n", rawRate, rawRate * mib);
-  std::printf("  ratio %.0f %%, median of %zu back-to-back pairs %.0f %% (goal: at least 85 %%)\n",
-              100.0 * busRate / rawRate, rateRatios.size(), 100.0 * Median(rateRatios));
+  const double micro = 1e-6;
+  PrintBenchRow({"round trip, 16-byte message (median)", Median(busTrips) * micro,
+                 "raw libmosquitto", Median(rawTrips) * micro, BenchUnit::kSeconds,
+                 BenchGoal::kAtMost, 1.25});
+  PrintBenchRow({"round trip, 16-byte message (90th percentile)", Percentile(busTrips, 0.9) * micro,
+                 "raw libmosquitto", Percentile(rawTrips, 0.9) * micro, BenchUnit::kSeconds});
+  PrintBenchRow({"throughput, 64 KiB messages (median of rounds)", Median(busRates) * kBlockBytes,
+                 "raw libmosquitto", Median(rawRates) * kBlockBytes, BenchUnit::kBytesPerSecond,
+                 BenchGoal::kAtLeast, 0.85});
   return 0;
 }

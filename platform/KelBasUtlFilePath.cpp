@@ -1,6 +1,7 @@
 #include <KelMsgFeaMessaging/KelBasUtlFilePath.h>
 
 #include <filesystem>
+#include <string>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -20,8 +21,19 @@ fs::path AbsoluteBase(const char* base) {
   return current / given;
 }
 
+// POSIX leaves the meaning of a leading "//" to the system, and
+// std::filesystem keeps it as written; on Linux it is the root like any other
+// run of separators.
+fs::path CollapseLeadingSeparators(const fs::path& path) {
+  const std::string& text = path.native();
+  if (text.size() < 2 || text[0] != '/' || text[1] != '/')
+    return path;
+  const std::size_t first = text.find_first_not_of('/');
+  return first == std::string::npos ? fs::path("/") : fs::path(text.substr(first - 1));
+}
+
 fs::path Normalise(const fs::path& path) {
-  fs::path normal = path.lexically_normal();
+  fs::path normal = CollapseLeadingSeparators(path).lexically_normal();
   // "a/b/" keeps an empty last component; the name of the directory has none.
   if (normal.has_relative_path() && normal.filename().empty())
     normal = normal.parent_path();

@@ -2,6 +2,7 @@
 
 #include <KelMsgFeaMessaging/mem_Operators.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <new>
@@ -38,12 +39,16 @@ int BoundedLength(const char* bytes, int length) {
 
 bool IsContinuationByte(unsigned char byte) { return (byte & 0xC0U) == 0x80U; }
 
-int Utf8SequenceLength(unsigned char lead) {
-  if (lead < 0x80U) return 1;
-  if ((lead & 0xE0U) == 0xC0U) return 2;
-  if ((lead & 0xF0U) == 0xE0U) return 3;
-  if ((lead & 0xF8U) == 0xF0U) return 4;
-  return 1;  // a stray byte counts as a character of its own
+// Where the character that starts at `start` ends: after the byte that is no
+// continuation byte and the continuation bytes after it; continuation bytes
+// at the very start of the text belong to the first character.  These are
+// GetLengthInChar's boundaries, so text that is not UTF-8 counts the same.
+unsigned CharacterEnd(const unsigned char* text, unsigned start, unsigned length) {
+  unsigned end = start;
+  while (end < length && IsContinuationByte(text[end])) ++end;
+  if (end < length) ++end;
+  while (end < length && IsContinuationByte(text[end])) ++end;
+  return end;
 }
 
 }  // namespace
@@ -141,12 +146,14 @@ void KelString::ConvertToUTF8(char* buffer, unsigned* count) const {
   unsigned written = 0;
   unsigned characters = 0;
   while (written < length) {
-    unsigned step = static_cast<unsigned>(Utf8SequenceLength(text[written]));
-    if (step > length - written) step = length - written;
-    if (written + step > capacity) break;
-    std::memcpy(buffer + written, text + written, step);
-    written += step;
-    ++characters;
+    const unsigned end = CharacterEnd(text, written, length);
+    if (end > capacity) break;
+    std::memcpy(buffer + written, text + written, end - written);
+    characters += static_cast<unsigned>(
+        std::count_if(text + written, text + end, [](unsigned char byte) {
+          return !IsContinuationByte(byte);
+        }));
+    written = end;
   }
   if (written < capacity) buffer[written] = '\0';
   *count = characters;

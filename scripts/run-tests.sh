@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# The test command: installs what is missing, then configures, builds and
+# The test command: installs what is missing, runs every fuzz target for a
+# fixed number of executions over its seed corpus, then configures, builds and
 # runs every test under the default preset and under the asan preset.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
+
+echo "== fuzz: build and run each target"
+scripts/run-fuzz.sh -runs=20000
 
 for preset in default asan; do
   echo "== $preset: configure and build"

@@ -42,7 +42,7 @@ class BusState {
   void AbandonAfterFork();
 
   // Kept so that what a child inherited stays reachable; never used.
-  BusState* const m_inherited;
+  [[maybe_unused]] BusState* const m_inherited;
   DispatchQueue m_queue;
   LocalHub m_hub;
   std::recursive_mutex m_callbackMutex;

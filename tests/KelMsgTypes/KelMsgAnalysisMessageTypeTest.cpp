@@ -84,6 +84,23 @@ TEST(KelMsgAnalysisMessageTypeTest, RootNameOfARefusedDocumentIsReportedAndEmpty
   }
 }
 
+TEST(KelMsgAnalysisMessageTypeTest, RootNameThatIsNotUtf8NamesNoKind) {
+  // 0xF5 never starts a UTF-8 sequence; with the continuation bytes after it
+  // the name reads as one character of nine bytes.
+  const KelString document("<\xF5\x9D\x9D\x9D\x9D\x9D\x9D\x9D\x9D/>");
+  FatalErrorCapture capture;
+  EXPECT_STREQ(KelMsgAnalysisMessageType().GetTypeFromXmlBuffer(document).GetUTF8(), "");
+  ASSERT_EQ(capture.Reports().size(), 1U);
+  EXPECT_EQ(capture.Reports()[0].message, "AssertionFailed:s1 == len");
+  EXPECT_EQ(capture.Reports()[0].path, kAnalysisPath);
+}
+
+TEST(KelMsgAnalysisMessageTypeTest, EmptyReceivedDocumentIsTaken) {
+  KelMsgAnalysisMessageType received(KelString("<Old/>"));
+  ASSERT_FALSE(UnstreamIsRefused(received, Hex({0, 0, 0, 0})));
+  EXPECT_STREQ(received.GetXmlBuffer().GetUTF8(), "");
+}
+
 TEST(KelMsgAnalysisMessageTypeDeathTest, CallerContracts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(KelMsgAnalysisMessageType(KelString("")),

@@ -42,6 +42,10 @@ TEST(KelBasUtlFilePathTest, NormalisesLexically) {
       {"../../../..", "/data/base", "/"},
       {".", "/data/base/.", "/data/base"},
       {"", "/", "/"},
+      {"", "//", "/"},
+      {"//data//base", "/", "/data/base"},
+      {"///", "/data", "/"},
+      {"./job//sub/../file.dat", "/data///base/", "/data/base/job/file.dat"},
   };
   for (const auto& c : cases)
     EXPECT_EQ(Absolute(c.path, c.base), c.absolute) << c.path << " in " << c.base;

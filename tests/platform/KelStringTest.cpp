@@ -61,4 +61,39 @@ TEST(KelStringTest, ConvertToUTF8CountsCharactersAndKeepsWholeCharacters) {
   EXPECT_EQ(std::memcmp(small, "\xC3\xA9t", 4), 0);
 }
 
+TEST(KelStringTest, ConvertToUTF8CutsTextThatIsNotUtf8WhereGetLengthInCharDoes) {
+  // A lead byte with more continuation bytes than UTF-8 allows is still one
+  // character, for both operations.
+  const KelString s(
+      "\xF5\x9D\x9D\x9D\x9D\x9D"
+      "a");
+  ASSERT_EQ(s.GetLengthInChar(), 2);
+  char buffer[8];
+  unsigned count = sizeof buffer;
+  s.ConvertToUTF8(buffer, &count);
+  EXPECT_EQ(count, 2U);
+  EXPECT_STREQ(buffer, s.GetUTF8());
+
+  char small[4];
+  count = sizeof small;
+  s.ConvertToUTF8(small, &count);
+  EXPECT_EQ(count, 0U) << "the six-byte character does not fit whole";
+  EXPECT_EQ(small[0], '\0');
+
+  // Continuation bytes that open the text belong to its first character.
+  const KelString opening(
+      "\x97\xF5\x9D\x9D"
+      "a");
+  ASSERT_EQ(opening.GetLengthInChar(), 2);
+  char tiny[3];
+  count = sizeof tiny;
+  opening.ConvertToUTF8(tiny, &count);
+  EXPECT_EQ(count, 0U) << "the first character has four bytes";
+  EXPECT_EQ(tiny[0], '\0');
+  count = sizeof buffer;
+  opening.ConvertToUTF8(buffer, &count);
+  EXPECT_EQ(count, 2U);
+  EXPECT_STREQ(buffer, opening.GetUTF8());
+}
+
 }  // namespace

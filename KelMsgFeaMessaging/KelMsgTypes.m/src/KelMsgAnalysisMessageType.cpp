@@ -52,7 +52,7 @@ KelString KelMsgAnalysisMessageType::GetTypeFromXmlBuffer(const KelString& xmlBu
   KelString name;
   if (!ReadRootTagName(xmlBuffer, name))
     return KelString();
-  const int len = name.GetLengthInChar();
+  const unsigned len = static_cast<unsigned>(name.GetLengthInChar());
   if (!KELMSG_PEER_CHECK(len > 0))
     return KelString();
   // Four bytes hold the UTF-8 form of any character.
@@ -60,7 +60,11 @@ KelString KelMsgAnalysisMessageType::GetTypeFromXmlBuffer(const KelString& xmlBu
   std::unique_ptr<char, MemFree> utf8(static_cast<char*>(mem_OperatorNewThrowBuiltin(capacity)));
   unsigned s1 = static_cast<unsigned>(capacity);
   name.ConvertToUTF8(utf8.get(), &s1);
-  if (!KELMSG_PEER_CHECK(static_cast<unsigned>(len) >= s1))
+  if (!KELMSG_PEER_CHECK(len >= s1))
+    return KelString();
+  // A name that is not UTF-8 can hold a "character" of more than four bytes,
+  // which the conversion leaves out: such a name names no kind.
+  if (!KELMSG_PEER_CHECK(s1 == len))
     return KelString();
   return KelString(utf8.get(), static_cast<int>(capacity));
 }

@@ -1,0 +1,90 @@
+// A received buffer, as any process on the bus could send it, dispatched by
+// the registry under one of the four type names or under a name nobody
+// registered.
+//
+// Input: the first byte picks the type name; the rest is the buffer (envelope
+// and payload).  libFuzzer hands the input in an allocation of exactly its
+// size, so a read past the buffer's end is an ASan report.
+//
+// A message that reaches the handler must be sound: it prints, and what it
+// streams reads back into a message that streams the same bytes again.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
+#include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
+#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
+#include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <KelMsgFeaMessaging/KelMsgStringType.h>
+
+#include "FuzzSupport.h"
+#include "KelMsgCheck.h"
+
+namespace {
+
+constexpr const char* kTypeNames[] = {"KelMsgStringType", "KelMsgAnalysisMessageType",
+                                      "KelMsgProcessControlType", "KelMsgFileTransferType",
+                                      "KelMsgUnknownType"};
+constexpr std::size_t kTypeCount = sizeof kTypeNames / sizeof kTypeNames[0];
+
+FILE* g_devNull = nullptr;
+
+std::vector<char> StreamToBytes(const KelMsgBBMessage& msg) {
+  std::vector<char> bytes(static_cast<std::size_t>(msg.RequiredBufferSize()));
+  msg.Stream(bytes.data(), static_cast<int>(bytes.size()));
+  return bytes;
+}
+
+// An analysis message may arrive with an empty document, which is not one it
+// may send again.
+bool CanBeSent(const KelMsgBBMessage& msg) {
+  const auto* analysis = dynamic_cast<const KelMsgAnalysisMessageType*>(&msg);
+  return analysis == nullptr || analysis->GetXmlBuffer().GetLengthInByte() > 0;
+}
+
+class CheckingHandler : public KelMsgBBMessageHandler {
+ public:
+  void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
+    FUZZ_EXPECT(id != nullptr);
+    msg.Print(g_devNull, id);
+    if (!CanBeSent(msg))
+      return;
+    // A string cut at a NUL byte may shorten the first image; from then on
+    // the images must agree.
+    const std::vector<char> first = StreamToBytes(msg);
+    const std::unique_ptr<KelMsgBBMessage> copy(msg.Clone());
+    KelMsgClearRefusal();
+    copy->Unstream(first.data(), static_cast<int>(first.size()));
+    FUZZ_EXPECT(!KelMsgWasRefused());
+    FUZZ_EXPECT(StreamToBytes(*copy) == first);
+  }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  DiscardFatalErrorReports();
+  g_devNull = std::fopen("/dev/null", "w");
+  FUZZ_EXPECT(g_devNull != nullptr);
+  // Destroyed at exit, before the registry's maps: deletes what was adopted.
+  static KelMsgBBCallbackManager registry;
+  for (KelMsgBBMessage* proto : {static_cast<KelMsgBBMessage*>(new KelMsgStringType),
+                                 static_cast<KelMsgBBMessage*>(new KelMsgAnalysisMessageType),
+                                 static_cast<KelMsgBBMessage*>(new KelMsgProcessControlType),
+                                 static_cast<KelMsgBBMessage*>(new KelMsgFileTransferType)}) {
+    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(proto, new CheckingHandler);
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0)
+    return 0;
+  const char* type = kTypeNames[data[0] % kTypeCount];
+  KelMsgBBCallbackManager::HandleMessage(type, data + 1, static_cast<int>(size - 1));
+  return 0;
+}
