@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,14 +22,28 @@ extern "C" int __lsan_is_turned_off() {
   return g_forkedChild ? 1 : 0;
 }
 
+namespace {
+
+// A child must not outlive the process that started it: a test killed by its
+// time limit would otherwise leave brokers and peers running.  Called in the
+// child right after fork; `parent` is the pid before the fork.
+void DieWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);  // the parent was gone before the call
+}
+
+}  // namespace
+
 ChildProcess ChildProcess::Fork(const std::function<int()>& body) {
   std::fflush(nullptr);
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid < 0) {
     std::perror("fork");
     std::abort();
   }
   if (pid == 0) {
+    DieWithParent(parent);
     g_forkedChild = true;
     const int code = body();
     std::fflush(nullptr);
@@ -44,12 +59,14 @@ ChildProcess ChildProcess::Exec(const std::vector<std::string>& argv,
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   std::fflush(nullptr);
+  const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid < 0) {
     std::perror("fork");
     std::abort();
   }
   if (pid == 0) {
+    DieWithParent(parent);
     if (!outputPath.empty()) {
       const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (output >= 0) {
