@@ -29,12 +29,14 @@ namespace {
 // child right after fork; `parent` is the pid before the fork.
 void DieWithParent(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(1);  // the parent was gone before the call
+  if (getppid() != parent)
+    _exit(1);  // the parent was gone before the call
 }
 
-}  // namespace
-
-ChildProcess ChildProcess::Fork(const std::function<int()>& body) {
+// fork() with output flushed first, so nothing buffered is written twice; in
+// the child, after tying its life to the parent's.  Ends the process when no
+// process can be made.
+pid_t ForkChild() {
   std::fflush(nullptr);
   const pid_t parent = getpid();
   const pid_t pid = fork();
@@ -42,8 +44,16 @@ ChildProcess ChildProcess::Fork(const std::function<int()>& body) {
     std::perror("fork");
     std::abort();
   }
-  if (pid == 0) {
+  if (pid == 0)
     DieWithParent(parent);
+  return pid;
+}
+
+}  // namespace
+
+ChildProcess ChildProcess::Fork(const std::function<int()>& body) {
+  const pid_t pid = ForkChild();
+  if (pid == 0) {
     g_forkedChild = true;
     const int code = body();
     std::fflush(nullptr);
@@ -58,15 +68,8 @@ ChildProcess ChildProcess::Exec(const std::vector<std::string>& argv,
   for (const std::string& argument : argv)
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
-  std::fflush(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid < 0) {
-    std::perror("fork");
-    std::abort();
-  }
+  const pid_t pid = ForkChild();
   if (pid == 0) {
-    DieWithParent(parent);
     if (!outputPath.empty()) {
       const int output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (output >= 0) {

@@ -59,6 +59,27 @@ void FillNames(KelMsgFileTransferData& record, const TransferNames& names) {
   record.m_targetFileName.BuildFromUTF8(names.targetFileName);
 }
 
+// How a step writes its base and job directory pairs after its heading.
+struct DirectoryFormats {
+  const char* baseDirs;
+  const char* jobDirs;
+};
+constexpr DirectoryFormats kSendFormats{"sourceBaseDir (%s) ==> targetBaseDir (%s)\n",
+                                        "sourceJobDir (%s) ==> targetJobDir (%s)\n"};
+constexpr DirectoryFormats kReceiveFormats{"sourceBaseDir (%s), targetBaseDir (%s)\n",
+                                           "sourceJobDir (%s), targetJobDir (%s)\n"};
+constexpr DirectoryFormats kReceiveFileFormats{"sourceBaseDir %s, targetBaseDir %s\n",
+                                               "sourceJobDir %s, targetJobDir %s\n"};
+
+// The three lines that follow a step's heading, then the flush.
+void WriteNamesAndFlush(FILE* stream, const TransferNames& names, const DirectoryFormats& formats) {
+  std::fprintf(stream, "sourceFileName %s, targetFileName %s\n", names.sourceFileName,
+               names.targetFileName);
+  std::fprintf(stream, formats.baseDirs, names.sourceBaseDir, names.targetBaseDir);
+  std::fprintf(stream, formats.jobDirs, names.sourceJobDir, names.targetJobDir);
+  std::fflush(stream);
+}
+
 }  // namespace
 
 KelMsgFileTransfer::KelMsgFileTransfer(int communicatorId, FILE* traceStream, int traceLevel)
@@ -78,7 +99,8 @@ KelMsgFileTransfer::KelMsgFileTransfer(int communicatorId, FILE* traceStream, in
 KelMsgFileTransfer::~KelMsgFileTransfer() {
   KELMSG_ASSERT(m_contentMsg != NULL);
   for (const auto& [application, descriptor] : m_receiveFileMap) {
-    if (descriptor >= 0) close(descriptor);
+    if (descriptor >= 0)
+      close(descriptor);
   }
   mem_Free(m_contentMsg->Data().m_chunkData);
   delete m_contentMsg;
@@ -90,7 +112,8 @@ int KelMsgFileTransfer::SetCommunicatorId(int communicatorId) {
 }
 
 void KelMsgFileTransfer::Trace(int level, const char* format, ...) const {
-  if (!Traces(level)) return;
+  if (!Traces(level))
+    return;
   va_list arguments;
   va_start(arguments, format);
   std::vfprintf(m_traceStream, format, arguments);
@@ -99,7 +122,8 @@ void KelMsgFileTransfer::Trace(int level, const char* format, ...) const {
 }
 
 void KelMsgFileTransfer::TraceUnflushed(int level, const char* format, ...) const {
-  if (!Traces(level)) return;
+  if (!Traces(level))
+    return;
   va_list arguments;
   va_start(arguments, format);
   std::vfprintf(m_traceStream, format, arguments);
@@ -111,7 +135,8 @@ int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName
       KelBasFileOps::Open(fileName, isSender ? kSenderFlags : kReceiverFlags, kFileMode);
   Trace(4, "::OpenFile applicationId %s fileName %s isSender %d fileId %d\n", applicationId,
         fileName, isSender ? 1 : 0, descriptor);
-  if (descriptor < 0) Trace(4, "KelMsgFileTransfer::OpenFile Opening file %s Failed\n", fileName);
+  if (descriptor < 0)
+    Trace(4, "KelMsgFileTransfer::OpenFile Opening file %s Failed\n", fileName);
   if (isSender) {
     m_fileId = descriptor;
     return 0;
@@ -123,7 +148,8 @@ int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName
   if (!KELMSG_PEER_CHECK(itr == m_receiveFileMap.end())) {
     // The new target was opened (and truncated) before the duplicate showed;
     // its descriptor is not kept, so let it go now.
-    if (descriptor >= 0) close(descriptor);
+    if (descriptor >= 0)
+      close(descriptor);
     return 0;
   }
   m_receiveFileMap.emplace(applicationId, descriptor);
@@ -140,7 +166,8 @@ int KelMsgFileTransfer::CloseFile(int fileId) {
 int KelMsgFileTransfer::ReadChunk() {
   KELMSG_ASSERT(m_contentMsg != NULL);
   KelMsgFileTransferData& record = m_contentMsg->Data();
-  const ssize_t bytes = read(m_fileId, record.m_chunkData, static_cast<std::size_t>(m_maxChunkSize));
+  const ssize_t bytes =
+      read(m_fileId, record.m_chunkData, static_cast<std::size_t>(m_maxChunkSize));
   record.m_chunkSize = static_cast<int>(bytes);
   Trace(4, "::ReadChunk fileId %d bytes %d\n", m_fileId, record.m_chunkSize);
   return 0;
@@ -160,15 +187,11 @@ int KelMsgFileTransfer::Send(const char* sourceApplication, const char* sourceBa
                              const char* targetApplication, const char* targetBaseDir,
                              const char* targetJobDir, const char* targetFileName) {
   KELMSG_ASSERT(m_contentMsg != NULL);
+  const TransferNames names{sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+                            targetApplication, targetBaseDir, targetJobDir, targetFileName};
   if (Traces(1)) {
     std::fprintf(m_traceStream, "::Send from application %s\n", sourceApplication);
-    std::fprintf(m_traceStream, "sourceFileName %s, targetFileName %s\n", sourceFileName,
-                 targetFileName);
-    std::fprintf(m_traceStream, "sourceBaseDir (%s) ==> targetBaseDir (%s)\n", sourceBaseDir,
-                 targetBaseDir);
-    std::fprintf(m_traceStream, "sourceJobDir (%s) ==> targetJobDir (%s)\n", sourceJobDir,
-                 targetJobDir);
-    std::fflush(m_traceStream);
+    WriteNamesAndFlush(m_traceStream, names, kSendFormats);
   }
   if (m_fileId >= 0 && Traces(1)) {
     static constexpr char kOverlap[] =
@@ -180,7 +203,8 @@ int KelMsgFileTransfer::Send(const char* sourceApplication, const char* sourceBa
   OpenFile(sourceApplication, path.GetUTF8(), true);
 
   KelMsgFileTransferData& record = m_contentMsg->Data();
-  for (ReadChunk(); record.m_chunkSize > 0; ReadChunk()) SendChunk(targetApplication);
+  for (ReadChunk(); record.m_chunkSize > 0; ReadChunk())
+    SendChunk(targetApplication);
 
   CloseFile(m_fileId);
   record.m_chunkId = 0;
@@ -191,7 +215,8 @@ void KelMsgFileTransfer::SendControl(const char* application, int dataType,
                                      const char* sourceApplication) {
   KelMsgFileTransferType message;
   FillControl(message.Data(), dataType);
-  if (sourceApplication != nullptr) message.Data().m_sourceApplication.BuildFromUTF8(sourceApplication);
+  if (sourceApplication != nullptr)
+    message.Data().m_sourceApplication.BuildFromUTF8(sourceApplication);
   KelMsgBBAPI::SendRequest(m_communicatorId, application, message);
 }
 
@@ -203,9 +228,8 @@ int KelMsgFileTransfer::SendNotifyAndContent(const char* sourceApplication,
                                              const char* targetFileName) {
   KelMsgFileTransferType announcement;
   FillControl(announcement.Data(), KelMsgFileTransferData::FILE_TRANSFER_NOTIFY);
-  FillNames(announcement.Data(),
-            {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName, targetApplication,
-             targetBaseDir, targetJobDir, targetFileName});
+  FillNames(announcement.Data(), {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+                                  targetApplication, targetBaseDir, targetJobDir, targetFileName});
   KelMsgBBAPI::SendRequest(m_communicatorId, targetApplication, announcement);
   Send(sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName, targetApplication,
        targetBaseDir, targetJobDir, targetFileName);
@@ -267,13 +291,10 @@ int KelMsgFileTransfer::Receive(const char* sourceApplication, const char* sourc
   if (Traces(1)) {
     std::fprintf(m_traceStream, "Receive from application %s to application %s\n",
                  sourceApplication, targetApplication);
-    std::fprintf(m_traceStream, "sourceFileName %s, targetFileName %s\n", sourceFileName,
-                 targetFileName);
-    std::fprintf(m_traceStream, "sourceBaseDir (%s), targetBaseDir (%s)\n", sourceBaseDir,
-                 targetBaseDir);
-    std::fprintf(m_traceStream, "sourceJobDir (%s), targetJobDir (%s)\n", sourceJobDir,
-                 targetJobDir);
-    std::fflush(m_traceStream);
+    WriteNamesAndFlush(m_traceStream,
+                       {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+                        targetApplication, targetBaseDir, targetJobDir, targetFileName},
+                       kReceiveFormats);
   }
   const KelString path = KelMsgPathExplorer::FormPath(targetBaseDir, targetJobDir, targetFileName);
   OpenFile(sourceApplication, path.GetUTF8(), false);
@@ -286,15 +307,12 @@ int KelMsgFileTransfer::ReceiveFile(const char* sourceApplication, const char* s
                                     const char* targetApplication, const char* targetBaseDir,
                                     const char* targetJobDir, const char* targetFileName) {
   KELMSG_ASSERT(m_contentMsg != NULL);
+  const TransferNames names{sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+                            targetApplication, targetBaseDir, targetJobDir, targetFileName};
   if (Traces(1)) {
     std::fprintf(m_traceStream, "ReceiveFile from application %s to application %s\n",
                  sourceApplication, targetApplication);
-    std::fprintf(m_traceStream, "sourceFileName %s, targetFileName %s\n", sourceFileName,
-                 targetFileName);
-    std::fprintf(m_traceStream, "sourceBaseDir %s, targetBaseDir %s\n", sourceBaseDir,
-                 targetBaseDir);
-    std::fprintf(m_traceStream, "sourceJobDir %s, targetJobDir %s\n", sourceJobDir, targetJobDir);
-    std::fflush(m_traceStream);
+    WriteNamesAndFlush(m_traceStream, names, kReceiveFileFormats);
   }
   const KelString path = KelMsgPathExplorer::FormPath(targetBaseDir, targetJobDir, targetFileName);
   OpenFile(sourceApplication, path.GetUTF8(), false);
@@ -302,8 +320,7 @@ int KelMsgFileTransfer::ReceiveFile(const char* sourceApplication, const char* s
 
   KelMsgFileTransferType request;
   FillControl(request.Data(), KelMsgFileTransferData::FILE_TRANSFER_SEND_REQUEST);
-  FillNames(request.Data(), {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
-                             targetApplication, targetBaseDir, targetJobDir, targetFileName});
+  FillNames(request.Data(), names);
   KelMsgBBAPI::SendRequest(m_communicatorId, sourceApplication, request);
   m_endingCondition = -1;
   KelMsgBBAPI::WaitingLoop(m_communicatorId, -1, m_endingCondition);
@@ -323,7 +340,8 @@ int KelMsgFileTransfer::ReceiveChunk(const char* sourceApplication, int chunkId,
     return 0;
   }
   int& last = itr->second;
-  if (last == kAbandoned) return 0;
+  if (last == kAbandoned)
+    return 0;
   // In 64 bits: a peer may send any chunk number, INT_MIN included.
   const std::int64_t previous = std::int64_t{chunkId} - 1;
   if (last != previous) {
@@ -338,12 +356,12 @@ int KelMsgFileTransfer::ReceiveChunk(const char* sourceApplication, int chunkId,
   return 0;
 }
 
-int KelMsgFileTransfer::WriteChunk(const char* sourceApplication, int chunkSize,
-                                   const void* data) {
+int KelMsgFileTransfer::WriteChunk(const char* sourceApplication, int chunkSize, const void* data) {
   Trace(4, "::WriteChunk sourceApplication=%s chunkSize=%d\n", sourceApplication, chunkSize);
   const auto itr = m_receiveFileMap.find(KelString(sourceApplication));
   KELMSG_ASSERT(itr != m_receiveFileMap.end());
-  if (!KELMSG_PEER_CHECK(chunkSize >= 0)) return 0;
+  if (!KELMSG_PEER_CHECK(chunkSize >= 0))
+    return 0;
   const ssize_t bytesWritten = write(itr->second, data, static_cast<std::size_t>(chunkSize));
   Trace(4, "::WriteChunk bytesWritten=%d\n", static_cast<int>(bytesWritten));
   return 0;
@@ -361,7 +379,8 @@ int KelMsgFileTransfer::ReceiveISendCompletion(const char* sourceApplication) {
     }
     std::fflush(m_traceStream);
   }
-  if (!KELMSG_PEER_CHECK(itr != m_receiveFileMap.end())) return 0;
+  if (!KELMSG_PEER_CHECK(itr != m_receiveFileMap.end()))
+    return 0;
   CloseFile(itr->second);
   m_receiveFileMap.erase(itr);
   m_receiveFileChunkIdMap.erase(source);
@@ -374,6 +393,7 @@ int KelMsgFileTransfer::ReceiveSendCompletion(const char* sourceApplication) {
   // A completion refused as unknown gets no acknowledgement.
   const bool known = m_receiveFileMap.count(KelString(sourceApplication)) != 0;
   ReceiveISendCompletion(sourceApplication);
-  if (known) SendReceiveCompletion(sourceApplication);
+  if (known)
+    SendReceiveCompletion(sourceApplication);
   return 0;
 }
