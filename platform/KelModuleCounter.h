@@ -7,12 +7,14 @@ class KelModuleCounter {
  public:
   // Counts one initialisation; the first one adds 1 to the shared count `n`.
   void Initialize(int& n) noexcept {
-    if (m_count++ == 0) ++n;
+    if (m_count++ == 0)
+      ++n;
   }
   // Counts one finalisation; the one that brings the count to 0 takes 1 from
   // `n`.  An unbalanced finalise drives the count below 0.
   void Finalize(int& n) noexcept {
-    if (--m_count == 0) --n;
+    if (--m_count == 0)
+      --n;
   }
   int Count() const noexcept { return m_count; }
 

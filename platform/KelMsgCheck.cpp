@@ -21,6 +21,10 @@ bool KelMsgPeerCheckFailed(const char* text, const char* path, int line) {
   return false;
 }
 
-void KelMsgClearRefusal() noexcept { t_refused = false; }
+void KelMsgClearRefusal() noexcept {
+  t_refused = false;
+}
 
-bool KelMsgWasRefused() noexcept { return t_refused; }
+bool KelMsgWasRefused() noexcept {
+  return t_refused;
+}

@@ -25,9 +25,10 @@ bool KelMsgPeerCheckFailed(const char* text, const char* path, int line);
 void KelMsgClearRefusal() noexcept;
 bool KelMsgWasRefused() noexcept;
 
-#define KELMSG_ASSERT(cond)                                                    \
-  do {                                                                         \
-    if (!(cond)) KelMsgContractFailed("AssertionFailed:" #cond, kSourcePath, __LINE__); \
+#define KELMSG_ASSERT(cond)                                                  \
+  do {                                                                       \
+    if (!(cond))                                                             \
+      KelMsgContractFailed("AssertionFailed:" #cond, kSourcePath, __LINE__); \
   } while (0)
 
 #define KELMSG_PEER_CHECK(cond) \

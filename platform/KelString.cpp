@@ -24,7 +24,8 @@ struct KelString::Rep {
 
   static Rep* Make(const char* bytes, int length) {
     Rep* rep = Allocate(length);
-    if (length > 0) std::memcpy(rep->Text(), bytes, static_cast<std::size_t>(length));
+    if (length > 0)
+      std::memcpy(rep->Text(), bytes, static_cast<std::size_t>(length));
     return rep;
   }
 };
@@ -32,12 +33,15 @@ struct KelString::Rep {
 namespace {
 
 int BoundedLength(const char* bytes, int length) {
-  if (length <= 0) return 0;
+  if (length <= 0)
+    return 0;
   const void* nul = std::memchr(bytes, '\0', static_cast<std::size_t>(length));
   return nul == nullptr ? length : static_cast<int>(static_cast<const char*>(nul) - bytes);
 }
 
-bool IsContinuationByte(unsigned char byte) { return (byte & 0xC0U) == 0x80U; }
+bool IsContinuationByte(unsigned char byte) {
+  return (byte & 0xC0U) == 0x80U;
+}
 
 // Where the character that starts at `start` ends: after the byte that is no
 // continuation byte and the continuation bytes after it; continuation bytes
@@ -45,26 +49,37 @@ bool IsContinuationByte(unsigned char byte) { return (byte & 0xC0U) == 0x80U; }
 // GetLengthInChar's boundaries, so text that is not UTF-8 counts the same.
 unsigned CharacterEnd(const unsigned char* text, unsigned start, unsigned length) {
   unsigned end = start;
-  while (end < length && IsContinuationByte(text[end])) ++end;
-  if (end < length) ++end;
-  while (end < length && IsContinuationByte(text[end])) ++end;
+  while (end < length && IsContinuationByte(text[end]))
+    ++end;
+  if (end < length)
+    ++end;
+  while (end < length && IsContinuationByte(text[end]))
+    ++end;
   return end;
 }
 
 }  // namespace
 
-KelString::KelString(const char* utf8) { BuildFromUTF8(utf8); }
-
-KelString::KelString(const char* bytes, int length) { BuildFromUTF8(bytes, length); }
-
-KelString::KelString(const KelString& other) noexcept : m_rep(other.m_rep) {
-  if (m_rep != nullptr) m_rep->refs.fetch_add(1, std::memory_order_relaxed);
+KelString::KelString(const char* utf8) {
+  BuildFromUTF8(utf8);
 }
 
-KelString::KelString(KelString&& other) noexcept : m_rep(other.m_rep) { other.m_rep = nullptr; }
+KelString::KelString(const char* bytes, int length) {
+  BuildFromUTF8(bytes, length);
+}
+
+KelString::KelString(const KelString& other) noexcept : m_rep(other.m_rep) {
+  if (m_rep != nullptr)
+    m_rep->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+KelString::KelString(KelString&& other) noexcept : m_rep(other.m_rep) {
+  other.m_rep = nullptr;
+}
 
 KelString& KelString::operator=(const KelString& other) noexcept {
-  if (other.m_rep != nullptr) other.m_rep->refs.fetch_add(1, std::memory_order_relaxed);
+  if (other.m_rep != nullptr)
+    other.m_rep->refs.fetch_add(1, std::memory_order_relaxed);
   Release();
   m_rep = other.m_rep;
   return *this;
@@ -79,7 +94,9 @@ KelString& KelString::operator=(KelString&& other) noexcept {
   return *this;
 }
 
-KelString::~KelString() { Release(); }
+KelString::~KelString() {
+  Release();
+}
 
 void KelString::Release() noexcept {
   if (m_rep != nullptr && m_rep->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -104,18 +121,23 @@ void KelString::BuildFromUTF8(const char* bytes, int length) {
   m_rep = rep;
 }
 
-int KelString::GetLengthInByte() const noexcept { return m_rep == nullptr ? 0 : m_rep->length; }
+int KelString::GetLengthInByte() const noexcept {
+  return m_rep == nullptr ? 0 : m_rep->length;
+}
 
 int KelString::GetLengthInChar() const noexcept {
   int count = 0;
   const char* text = GetUTF8();
   for (int i = 0; i < GetLengthInByte(); ++i) {
-    if (!IsContinuationByte(static_cast<unsigned char>(text[i]))) ++count;
+    if (!IsContinuationByte(static_cast<unsigned char>(text[i])))
+      ++count;
   }
   return count;
 }
 
-const char* KelString::GetUTF8() const noexcept { return m_rep == nullptr ? "" : m_rep->Text(); }
+const char* KelString::GetUTF8() const noexcept {
+  return m_rep == nullptr ? "" : m_rep->Text();
+}
 
 void KelString::Append(const KelString& other) {
   const int length = GetLengthInByte();
@@ -128,14 +150,16 @@ void KelString::Append(const KelString& other) {
 }
 
 void KelString::ASCIIToUpper() {
-  if (m_rep == nullptr) return;
+  if (m_rep == nullptr)
+    return;
   if (m_rep->refs.load(std::memory_order_acquire) != 1) {
     Rep* own = Rep::Make(m_rep->Text(), m_rep->length);
     Release();
     m_rep = own;
   }
   for (char* c = m_rep->Text(); *c != '\0'; ++c) {
-    if (*c >= 'a' && *c <= 'z') *c = static_cast<char>(*c - 'a' + 'A');
+    if (*c >= 'a' && *c <= 'z')
+      *c = static_cast<char>(*c - 'a' + 'A');
   }
 }
 
@@ -147,15 +171,15 @@ void KelString::ConvertToUTF8(char* buffer, unsigned* count) const {
   unsigned characters = 0;
   while (written < length) {
     const unsigned end = CharacterEnd(text, written, length);
-    if (end > capacity) break;
+    if (end > capacity)
+      break;
     std::memcpy(buffer + written, text + written, end - written);
-    characters += static_cast<unsigned>(
-        std::count_if(text + written, text + end, [](unsigned char byte) {
-          return !IsContinuationByte(byte);
-        }));
+    characters += static_cast<unsigned>(std::count_if(
+        text + written, text + end, [](unsigned char byte) { return !IsContinuationByte(byte); }));
     written = end;
   }
-  if (written < capacity) buffer[written] = '\0';
+  if (written < capacity)
+    buffer[written] = '\0';
   *count = characters;
 }
 

@@ -6,7 +6,9 @@ namespace {
 
 int g_naturalOrder = 0;
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
 
 struct DigitRun {
   std::size_t zeros;        // leading zeros
@@ -20,18 +22,22 @@ DigitRun ScanDigits(const char* s) {
     ++run.zeros;
     ++run.significant;
   }
-  while (IsDigit(run.significant[run.length])) ++run.length;
+  while (IsDigit(run.significant[run.length]))
+    ++run.length;
   return run;
 }
 
 // Compares two digit runs by value without converting them, so any length
 // works; equal values order by fewer leading zeros first.
 int CompareRuns(const DigitRun& a, const DigitRun& b) {
-  if (a.length != b.length) return a.length < b.length ? -1 : 1;
+  if (a.length != b.length)
+    return a.length < b.length ? -1 : 1;
   for (std::size_t i = 0; i < a.length; ++i) {
-    if (a.significant[i] != b.significant[i]) return a.significant[i] < b.significant[i] ? -1 : 1;
+    if (a.significant[i] != b.significant[i])
+      return a.significant[i] < b.significant[i] ? -1 : 1;
   }
-  if (a.zeros != b.zeros) return a.zeros < b.zeros ? -1 : 1;
+  if (a.zeros != b.zeros)
+    return a.zeros < b.zeros ? -1 : 1;
   return 0;
 }
 
@@ -42,20 +48,26 @@ int strnatcmp(const char* a, const char* b) {
     if (IsDigit(*a) && IsDigit(*b)) {
       const DigitRun runA = ScanDigits(a);
       const DigitRun runB = ScanDigits(b);
-      if (int order = CompareRuns(runA, runB); order != 0) return order;
+      if (int order = CompareRuns(runA, runB); order != 0)
+        return order;
       a = runA.significant + runA.length;
       b = runB.significant + runB.length;
       continue;
     }
     const auto ca = static_cast<unsigned char>(*a);
     const auto cb = static_cast<unsigned char>(*b);
-    if (ca != cb) return ca < cb ? -1 : 1;
+    if (ca != cb)
+      return ca < cb ? -1 : 1;
     ++a;
     ++b;
   }
   return 0;
 }
 
-int atr_getNaturalOrder() { return g_naturalOrder; }
+int atr_getNaturalOrder() {
+  return g_naturalOrder;
+}
 
-void atr_setNaturalOrder(int natural) { g_naturalOrder = natural; }
+void atr_setNaturalOrder(int natural) {
+  g_naturalOrder = natural;
+}

@@ -11,9 +11,13 @@ constexpr char kSourcePath[] = "tests/ProbeMessage";
 ProbeMessage::ProbeMessage(ProbeLog* log, const char* type, std::string payload)
     : KelMsgBBMessage(type), m_log(log), m_payload(std::move(payload)) {}
 
-ProbeMessage::~ProbeMessage() { ++m_log->destroyed; }
+ProbeMessage::~ProbeMessage() {
+  ++m_log->destroyed;
+}
 
-int ProbeMessage::RequiredBufferSize() const { return static_cast<int>(m_payload.size()); }
+int ProbeMessage::RequiredBufferSize() const {
+  return static_cast<int>(m_payload.size());
+}
 
 void ProbeMessage::Stream(void* buffer, int /*size*/) const {
   std::memcpy(buffer, m_payload.data(), m_payload.size());
@@ -23,7 +27,8 @@ void ProbeMessage::Unstream(const void* buffer, int size) {
   ++m_log->unstreams;
   m_payload.assign(static_cast<const char*>(buffer), static_cast<std::size_t>(size));
   m_log->payloads.push_back(m_payload);
-  if (!KELMSG_PEER_CHECK(m_payload.empty() || m_payload[0] != '!')) return;
+  if (!KELMSG_PEER_CHECK(m_payload.empty() || m_payload[0] != '!'))
+    return;
 }
 
 KelMsgBBMessage* ProbeMessage::Clone() const {

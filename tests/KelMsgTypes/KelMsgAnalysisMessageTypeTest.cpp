@@ -92,7 +92,8 @@ TEST(KelMsgAnalysisMessageTypeTest, RootNameThatIsNotUtf8NamesNoKind) {
   EXPECT_STREQ(KelMsgAnalysisMessageType().GetTypeFromXmlBuffer(document).GetUTF8(), "");
   ASSERT_EQ(capture.Reports().size(), 1U);
   EXPECT_EQ(capture.Reports()[0].message, "AssertionFailed:s1 == len");
-  EXPECT_EQ(capture.Reports()[0].path, "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgAnalysisMessageType");
+  EXPECT_EQ(capture.Reports()[0].path,
+            "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgAnalysisMessageType");
 }
 
 TEST(KelMsgAnalysisMessageTypeDeathTest, CallerContracts) {

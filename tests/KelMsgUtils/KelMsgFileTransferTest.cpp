@@ -43,7 +43,8 @@ std::string ReadFile(const fs::path& path) {
 void WriteRandomFile(const fs::path& path, std::size_t size, unsigned seed) {
   std::mt19937 random(seed);
   std::string bytes(size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
+  for (char& byte : bytes)
+    byte = static_cast<char>(random());
   std::ofstream(path, std::ios::binary) << bytes;
 }
 
@@ -111,7 +112,8 @@ class FileTransferTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    for (const std::string& peer : m_started) Command(peer, "quit");
+    for (const std::string& peer : m_started)
+      Command(peer, "quit");
     for (ChildProcess& child : m_children) {
       EXPECT_EQ(child.ExitCode(std::chrono::seconds(30)), 0) << "a peer did not leave cleanly";
     }
@@ -130,7 +132,8 @@ class FileTransferTest : public ::testing::Test {
 
   void StartPeer(const std::string& name, const std::string& id = {}) {
     std::vector<std::string> argv = {KELMSG_TRANSFER_PEER, name, kTester};
-    if (!id.empty()) argv.insert(argv.end(), {"--id", id});
+    if (!id.empty())
+      argv.insert(argv.end(), {"--id", id});
     m_children.push_back(ChildProcess::Exec(argv));
     m_started.push_back(name);
     AwaitReply((id.empty() ? name : id) + ": ready");
@@ -139,7 +142,8 @@ class FileTransferTest : public ::testing::Test {
   void Command(const std::string& peer, const std::string& verb,
                const std::vector<std::string>& names = {}) {
     std::string text = verb;
-    for (const std::string& name : names) text += "\n" + name;
+    for (const std::string& name : names)
+      text += "\n" + name;
     KelMsgStringType command;
     command.SetData(text.data(), static_cast<int>(text.size()));
     KelMsgBBAPI::SendRequest(m_communicator, peer.c_str(), command);
@@ -163,13 +167,13 @@ class FileTransferTest : public ::testing::Test {
   // Eight names: a file of the peers' directory and one of this process's.
   std::vector<std::string> FromPeer(const std::string& peer, const std::string& source,
                                     const std::string& target) const {
-    return {peer, m_peers.Path().string(), kJob, source, kTester, m_mine.Path().string(), kJob,
-            target};
+    return {peer,    m_peers.Path().string(), kJob, source,
+            kTester, m_mine.Path().string(),  kJob, target};
   }
   std::vector<std::string> ToPeer(const std::string& peer, const std::string& source,
                                   const std::string& target) const {
-    return {kTester, m_mine.Path().string(), kJob, source, peer, m_peers.Path().string(), kJob,
-            target};
+    return {kTester, m_mine.Path().string(),  kJob, source,
+            peer,    m_peers.Path().string(), kJob, target};
   }
 
   fs::path Mine(const std::string& name) const { return m_mine.Path() / kJob / name; }
@@ -210,7 +214,8 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByte) {
     AwaitReply("peer: done sync");
     EXPECT_EQ(ReadFile(Peers(name + ".ipushed")), ReadFile(Mine(name))) << "ISendFile " << size;
 
-    Call(engine, &KelMsgFileTransfer::ReceiveFile, FromPeer("peer", name + ".pushed", name + ".pulled"));
+    Call(engine, &KelMsgFileTransfer::ReceiveFile,
+         FromPeer("peer", name + ".pushed", name + ".pulled"));
     EXPECT_EQ(ReadFile(Mine(name + ".pulled")), ReadFile(Mine(name))) << "ReceiveFile " << size;
 
     Command("peer", "push", FromPeer("peer", name + ".ipushed", name + ".back"));
@@ -260,7 +265,8 @@ TEST_F(FileTransferTest, TwoFilesInARowAreBothNumberedFromOne) {
 
   std::vector<std::string> numbering;
   for (const std::string& line : trace.Lines()) {
-    if (line.rfind("updating chunkId", 0) == 0) numbering.push_back(line);
+    if (line.rfind("updating chunkId", 0) == 0)
+      numbering.push_back(line);
   }
   const std::vector<std::string> expected = {
       "updating chunkId 1 for source Application peer",
@@ -311,14 +317,14 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
 
 // Trace lines of one small push, on each side, at levels 0, 1 and 4.  The
 // descriptor numbers are the only part that is not fixed.
-class FileTransferTraceTest : public FileTransferTest,
-                              public ::testing::WithParamInterface<int> {
+class FileTransferTraceTest : public FileTransferTest, public ::testing::WithParamInterface<int> {
  protected:
   static std::vector<std::string> AtLevel(int level,
                                           const std::vector<std::pair<int, std::string>>& lines) {
     std::vector<std::string> selected;
     for (const auto& [threshold, line] : lines) {
-      if (level >= threshold) selected.push_back(line);
+      if (level >= threshold)
+        selected.push_back(line);
     }
     return selected;
   }
@@ -327,9 +333,11 @@ class FileTransferTraceTest : public FileTransferTest,
     static const std::string kKey = "fileId ";
     for (std::string& line : lines) {
       const std::size_t at = line.find(kKey);
-      if (at == std::string::npos) continue;
+      if (at == std::string::npos)
+        continue;
       std::size_t end = at + kKey.size();
-      while (end < line.size() && line[end] != ' ') ++end;
+      while (end < line.size() && line[end] != ' ')
+        ++end;
       line.replace(at, end - at, "fileId #");
     }
     return lines;
@@ -347,15 +355,15 @@ TEST_P(FileTransferTraceTest, SendingSide) {
   const std::string mine = m_mine.Path().string();
   const std::string peers = m_peers.Path().string();
   const std::vector<std::string> expected = AtLevel(
-      level, {{1, "::Send from application tester"},
-              {1, "sourceFileName small, targetFileName copy"},
-              {1, "sourceBaseDir (" + mine + ") ==> targetBaseDir (" + peers + ")"},
-              {1, "sourceJobDir (job) ==> targetJobDir (job)"},
-              {4, "::OpenFile applicationId tester fileName " + mine +
-                      "/job/small isSender 1 fileId #"},
-              {4, "::ReadChunk fileId # bytes 10"},
-              {4, "::ReadChunk fileId # bytes 0"},
-              {1, "::SendSendCompletion sourceApplication=tester targetApplication=peer"}});
+      level,
+      {{1, "::Send from application tester"},
+       {1, "sourceFileName small, targetFileName copy"},
+       {1, "sourceBaseDir (" + mine + ") ==> targetBaseDir (" + peers + ")"},
+       {1, "sourceJobDir (job) ==> targetJobDir (job)"},
+       {4, "::OpenFile applicationId tester fileName " + mine + "/job/small isSender 1 fileId #"},
+       {4, "::ReadChunk fileId # bytes 10"},
+       {4, "::ReadChunk fileId # bytes 0"},
+       {1, "::SendSendCompletion sourceApplication=tester targetApplication=peer"}});
   EXPECT_EQ(WithoutDescriptors(trace.Lines()), expected);
 }
 
@@ -371,19 +379,19 @@ TEST_P(FileTransferTraceTest, ReceivingSide) {
   const std::string mine = m_mine.Path().string();
   const std::string peers = m_peers.Path().string();
   const std::vector<std::string> expected = AtLevel(
-      level, {{1, "Receive from application peer to application tester"},
-              {1, "sourceFileName small, targetFileName copy"},
-              {1, "sourceBaseDir (" + peers + "), targetBaseDir (" + mine + ")"},
-              {1, "sourceJobDir (job), targetJobDir (job)"},
-              {4, "::OpenFile applicationId peer fileName " + mine +
-                      "/job/copy isSender 0 fileId #"},
-              {1, "opened file copy"},
-              {4, "::ReceiveChunk sourceApplication=peer chunkId=1 chunkSize=10"},
-              {1, "updating chunkId 1 for source Application peer"},
-              {4, "::WriteChunk sourceApplication=peer chunkSize=10"},
-              {4, "::WriteChunk bytesWritten=10"},
-              {1, "::ReceiveISendCompletion sourceApplication=peer"},
-              {1, "::SendReceiveCompletion applicationId=peer"}});
+      level,
+      {{1, "Receive from application peer to application tester"},
+       {1, "sourceFileName small, targetFileName copy"},
+       {1, "sourceBaseDir (" + peers + "), targetBaseDir (" + mine + ")"},
+       {1, "sourceJobDir (job), targetJobDir (job)"},
+       {4, "::OpenFile applicationId peer fileName " + mine + "/job/copy isSender 0 fileId #"},
+       {1, "opened file copy"},
+       {4, "::ReceiveChunk sourceApplication=peer chunkId=1 chunkSize=10"},
+       {1, "updating chunkId 1 for source Application peer"},
+       {4, "::WriteChunk sourceApplication=peer chunkSize=10"},
+       {4, "::WriteChunk bytesWritten=10"},
+       {1, "::ReceiveISendCompletion sourceApplication=peer"},
+       {1, "::SendReceiveCompletion applicationId=peer"}});
   EXPECT_EQ(WithoutDescriptors(trace.Lines()), expected);
 }
 

@@ -40,8 +40,10 @@ Options Parse(int argc, char** argv) {
   }
   Options options{argv[1], argv[2], argv[1], 0};
   for (int i = 3; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], "--id") == 0) options.id = argv[i + 1];
-    if (std::strcmp(argv[i], "--trace") == 0) options.trace = std::atoi(argv[i + 1]);
+    if (std::strcmp(argv[i], "--id") == 0)
+      options.id = argv[i + 1];
+    if (std::strcmp(argv[i], "--trace") == 0)
+      options.trace = std::atoi(argv[i + 1]);
   }
   return options;
 }
@@ -61,8 +63,10 @@ class Peer : public KelMsgBBMessageHandler {
     const auto& command = static_cast<const KelMsgStringType&>(msg);
     std::vector<std::string> fields;
     std::istringstream lines(std::string(command.Data(), static_cast<std::size_t>(command.Size())));
-    for (std::string field; std::getline(lines, field);) fields.push_back(field);
-    if (fields.empty()) return;
+    for (std::string field; std::getline(lines, field);)
+      fields.push_back(field);
+    if (fields.empty())
+      return;
     const std::string& verb = fields[0];
     if (verb == "quit") {
       m_quit = 0;
@@ -73,10 +77,14 @@ class Peer : public KelMsgBBMessageHandler {
       return;
     }
     const char* n[8];
-    for (int i = 0; i < 8; ++i) n[i] = fields[static_cast<std::size_t>(i) + 1].c_str();
-    if (verb == "push") m_files->SendFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
-    if (verb == "ipush") m_files->ISendFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
-    if (verb == "pull") m_files->ReceiveFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
+    for (int i = 0; i < 8; ++i)
+      n[i] = fields[static_cast<std::size_t>(i) + 1].c_str();
+    if (verb == "push")
+      m_files->SendFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
+    if (verb == "ipush")
+      m_files->ISendFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
+    if (verb == "pull")
+      m_files->ReceiveFile(n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7]);
     Reply("done " + verb);
   }
 

@@ -17,10 +17,13 @@ FatalErrorCapture::~FatalErrorCapture() {
   g_reports.clear();
 }
 
-const std::vector<FatalErrorReport>& FatalErrorCapture::Reports() const { return g_reports; }
+const std::vector<FatalErrorReport>& FatalErrorCapture::Reports() const {
+  return g_reports;
+}
 
 std::vector<std::string> FatalErrorCapture::Messages() const {
   std::vector<std::string> messages;
-  for (const auto& report : g_reports) messages.push_back(report.message);
+  for (const auto& report : g_reports)
+    messages.push_back(report.message);
   return messages;
 }

@@ -29,7 +29,8 @@ using ReceivedMessage = std::unique_ptr<KelMsgBBMessage>;
 // The identifier handed to a handler: the envelope's n bytes and a NUL, in
 // memory the library's allocator owns.
 IdentifierBytes CopyIdentifier(const char* bytes, int n) {
-  IdentifierBytes id(static_cast<char*>(mem_OperatorNewThrowBuiltin(static_cast<std::size_t>(n) + 1)));
+  IdentifierBytes id(
+      static_cast<char*>(mem_OperatorNewThrowBuiltin(static_cast<std::size_t>(n) + 1)));
   std::memcpy(id.get(), bytes, static_cast<std::size_t>(n));
   id.get()[n] = '\0';
   return id;
@@ -38,7 +39,8 @@ IdentifierBytes CopyIdentifier(const char* bytes, int n) {
 template <class V>
 void DeleteValuesAndClear(cow_Btree<cow_String, V*>& map) {
   cow_BtreeIterator<cow_String, V*> entry(map);
-  for (entry.First(); !entry.AtEnd(); entry.Next()) delete entry.Value();
+  for (entry.First(); !entry.AtEnd(); entry.Next())
+    delete entry.Value();
   map.Clear();
 }
 
@@ -71,7 +73,9 @@ bool KelMsgBBCallbackManager::IsMessageTypeHandled(const char* typeName) {
   return m_protos.IsMember(type) && m_handlers.IsMember(type);
 }
 
-void KelMsgBBCallbackManager::SetMessageID(const char* id) { m_messageID.BuildFromUTF8(id); }
+void KelMsgBBCallbackManager::SetMessageID(const char* id) {
+  m_messageID.BuildFromUTF8(id);
+}
 
 void KelMsgBBCallbackManager::AppendMessageToSend(const KelMsgBBMessage* msg) {
   m_messageToSend = msg;
@@ -109,19 +113,23 @@ void KelMsgBBCallbackManager::StreamPendingMessage(void* buffer, int size) {
 void KelMsgBBCallbackManager::HandleMessage(const char* typeName, const void* buffer, int size) {
   // One key serves every lookup of this dispatch.
   const cow_String type(typeName);
-  if (!KELMSG_PEER_CHECK(m_protos.IsMember(type))) return;
-  if (!KELMSG_PEER_CHECK(m_handlers.IsMember(type))) return;
+  if (!KELMSG_PEER_CHECK(m_protos.IsMember(type)))
+    return;
+  if (!KELMSG_PEER_CHECK(m_handlers.IsMember(type)))
+    return;
   KelMsgBBMessage* const* protoEntry = m_protos.ConstFind(type);
   const KelMsgBBMessage* proto = protoEntry != nullptr ? *protoEntry : nullptr;
   KELMSG_ASSERT(proto != NULL);
 
   // The envelope comes from another process: take nothing from it that lies
   // outside the buffer.
-  if (!KELMSG_PEER_CHECK(size >= 4)) return;
+  if (!KELMSG_PEER_CHECK(size >= 4))
+    return;
   const auto* bytes = static_cast<const char*>(buffer);
   std::int32_t n = 0;
   std::memcpy(&n, bytes, kCountBytes);
-  if (!KELMSG_PEER_CHECK(n >= 0 && n <= size - 4)) return;
+  if (!KELMSG_PEER_CHECK(n >= 0 && n <= size - 4))
+    return;
 
   const ReceivedMessage clone(proto->Clone());
   const IdentifierBytes id = CopyIdentifier(bytes + kCountBytes, n);
@@ -130,7 +138,8 @@ void KelMsgBBCallbackManager::HandleMessage(const char* typeName, const void* bu
 
   KelMsgClearRefusal();
   msg->Unstream(bytes + kCountBytes + n, size - (kCountBytes + n));
-  if (KelMsgWasRefused()) return;
+  if (KelMsgWasRefused())
+    return;
 
   KelMsgBBMessageHandler* const* handlerEntry = m_handlers.Find(type);
   KelMsgBBMessageHandler* handler = handlerEntry != nullptr ? *handlerEntry : nullptr;

@@ -4,12 +4,18 @@
 #include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
 #include <KelMsgFeaMessaging/mem_Operators.h>
 
-void* KelMsgBBMessageHandler::operator new(std::size_t size) { return mem_OperatorNewThrow(size); }
+void* KelMsgBBMessageHandler::operator new(std::size_t size) {
+  return mem_OperatorNewThrow(size);
+}
 
-void KelMsgBBMessageHandler::operator delete(void* memory) noexcept { mem_Free(memory); }
+void KelMsgBBMessageHandler::operator delete(void* memory) noexcept {
+  mem_Free(memory);
+}
 
 void* KelMsgBBDisconnectHandler::operator new(std::size_t size) {
   return mem_OperatorNewThrow(size);
 }
 
-void KelMsgBBDisconnectHandler::operator delete(void* memory) noexcept { mem_Free(memory); }
+void KelMsgBBDisconnectHandler::operator delete(void* memory) noexcept {
+  mem_Free(memory);
+}

@@ -8,7 +8,9 @@ KelMsgBBMessage::KelMsgBBMessage(const KelString& type) : m_type(type) {}
 
 KelMsgBBMessage::~KelMsgBBMessage() = default;
 
-const char* KelMsgBBMessage::Type() const { return m_type.GetUTF8(); }
+const char* KelMsgBBMessage::Type() const {
+  return m_type.GetUTF8();
+}
 
 bool KelMsgBBMessage::SameType(const KelMsgBBMessage& other) const {
   return std::strcmp(Type(), other.Type()) == 0;
@@ -19,6 +21,10 @@ void KelMsgBBMessage::Print(FILE* stream, const char* prefix) const {
   std::fprintf(stream, "%sMessage Type: %s\n", prefixText.GetUTF8(), m_type.GetUTF8());
 }
 
-void* KelMsgBBMessage::operator new(std::size_t size) { return mem_OperatorNewThrow(size); }
+void* KelMsgBBMessage::operator new(std::size_t size) {
+  return mem_OperatorNewThrow(size);
+}
 
-void KelMsgBBMessage::operator delete(void* memory) noexcept { mem_Free(memory); }
+void KelMsgBBMessage::operator delete(void* memory) noexcept {
+  mem_Free(memory);
+}

@@ -7,5 +7,9 @@ namespace {
 KelModuleCounter g_module;
 }  // namespace
 
-void KelMsgHandlers_initialize(int& n) { g_module.Initialize(n); }
-void KelMsgHandlers_finalize(int& n) { g_module.Finalize(n); }
+void KelMsgHandlers_initialize(int& n) {
+  g_module.Initialize(n);
+}
+void KelMsgHandlers_finalize(int& n) {
+  g_module.Finalize(n);
+}

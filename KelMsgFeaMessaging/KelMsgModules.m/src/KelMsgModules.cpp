@@ -38,22 +38,33 @@ constexpr Member kMembers[] = {
 
 }  // namespace
 
-void KelMsgModules_specific_initialize(int& n) { g_specific.Initialize(n); }
-void KelMsgModules_specific_finalize(int& n) { g_specific.Finalize(n); }
+void KelMsgModules_specific_initialize(int& n) {
+  g_specific.Initialize(n);
+}
+void KelMsgModules_specific_finalize(int& n) {
+  g_specific.Finalize(n);
+}
 
 void KelMsgModules_initialize(int& n) {
-  if (g_setCount++ != 0) return;
+  if (g_setCount++ != 0)
+    return;
   ++n;
-  for (const Member& member : kMembers) member.initialize(n);
+  for (const Member& member : kMembers)
+    member.initialize(n);
 }
 
 void KelMsgModules_finalize(int& n) {
-  if (--g_setCount != 0) return;
+  if (--g_setCount != 0)
+    return;
   --n;
   for (auto member = std::rbegin(kMembers); member != std::rend(kMembers); ++member) {
     member->finalize(n);
   }
 }
 
-extern "C" void KelMsgModules_initializeC() { KelMsgModules_initialize(g_processWideCount); }
-extern "C" void KelMsgModules_finalizeC() { KelMsgModules_finalize(g_processWideCount); }
+extern "C" void KelMsgModules_initializeC() {
+  KelMsgModules_initialize(g_processWideCount);
+}
+extern "C" void KelMsgModules_finalizeC() {
+  KelMsgModules_finalize(g_processWideCount);
+}

@@ -7,5 +7,9 @@ namespace {
 KelModuleCounter g_module;
 }  // namespace
 
-void KelMsgTypes_initialize(int& n) { g_module.Initialize(n); }
-void KelMsgTypes_finalize(int& n) { g_module.Finalize(n); }
+void KelMsgTypes_initialize(int& n) {
+  g_module.Initialize(n);
+}
+void KelMsgTypes_finalize(int& n) {
+  g_module.Finalize(n);
+}

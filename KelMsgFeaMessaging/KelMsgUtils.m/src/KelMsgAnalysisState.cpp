@@ -2,6 +2,10 @@
 
 double KelMsgAnalysisState::m_percentage = 0.0;
 
-void KelMsgAnalysisState::SetPercentage(double percentage) { m_percentage = percentage; }
+void KelMsgAnalysisState::SetPercentage(double percentage) {
+  m_percentage = percentage;
+}
 
-double KelMsgAnalysisState::GetPercentage() { return m_percentage; }
+double KelMsgAnalysisState::GetPercentage() {
+  return m_percentage;
+}

@@ -7,5 +7,9 @@ namespace {
 KelModuleCounter g_module;
 }  // namespace
 
-void KelMsgUtils_initialize(int& n) { g_module.Initialize(n); }
-void KelMsgUtils_finalize(int& n) { g_module.Finalize(n); }
+void KelMsgUtils_initialize(int& n) {
+  g_module.Initialize(n);
+}
+void KelMsgUtils_finalize(int& n) {
+  g_module.Finalize(n);
+}

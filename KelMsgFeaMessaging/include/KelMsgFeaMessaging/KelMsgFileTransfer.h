@@ -61,12 +61,11 @@ class KelMsgFileTransfer {
 
   // For applications.
   int SendFile(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
-               const char* sourceFileName, const char* targetApplication,
-               const char* targetBaseDir, const char* targetJobDir, const char* targetFileName);
-  int ISendFile(const char* sourceApplication, const char* sourceBaseDir,
-                const char* sourceJobDir, const char* sourceFileName,
-                const char* targetApplication, const char* targetBaseDir,
-                const char* targetJobDir, const char* targetFileName);
+               const char* sourceFileName, const char* targetApplication, const char* targetBaseDir,
+               const char* targetJobDir, const char* targetFileName);
+  int ISendFile(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
+                const char* sourceFileName, const char* targetApplication,
+                const char* targetBaseDir, const char* targetJobDir, const char* targetFileName);
   // `targetApplication` must be this process's own application identifier:
   // the holder sends the chunks there.
   int ReceiveFile(const char* sourceApplication, const char* sourceBaseDir,
@@ -93,8 +92,8 @@ class KelMsgFileTransfer {
 
   // Receiving side, called by the handler and by ReceiveFile.
   int Receive(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
-              const char* sourceFileName, const char* targetApplication,
-              const char* targetBaseDir, const char* targetJobDir, const char* targetFileName);
+              const char* sourceFileName, const char* targetApplication, const char* targetBaseDir,
+              const char* targetJobDir, const char* targetFileName);
   // `data` holds `chunkSize` bytes and lives only during the call.
   int ReceiveChunk(const char* sourceApplication, int chunkId, int chunkSize, const void* data);
   int WriteChunk(const char* sourceApplication, int chunkSize, const void* data);

@@ -20,6 +20,8 @@ class cow_String {
 // Key order of the maps: strnatcmp when atr_getNaturalOrder() is non-zero,
 // strcmp otherwise; the switch is read at every call.
 int cow_KeyCompare(const cow_String& a, const cow_String& b);
-inline int cow_KeyCompare(int a, int b) { return a < b ? -1 : (a > b ? 1 : 0); }
+inline int cow_KeyCompare(int a, int b) {
+  return a < b ? -1 : (a > b ? 1 : 0);
+}
 
 #endif  // KELMSGFEAMESSAGING_COW_STRING_H_
