@@ -26,6 +26,7 @@
 #include "FatalErrorCapture.h"
 #include "ScratchDirectory.h"
 #include "TestBroker.h"
+#include "TextMessages.h"
 
 namespace fs = std::filesystem;
 
@@ -144,9 +145,7 @@ class FileTransferTest : public ::testing::Test {
     std::string text = verb;
     for (const std::string& name : names)
       text += "\n" + name;
-    KelMsgStringType command;
-    command.SetData(text.data(), static_cast<int>(text.size()));
-    KelMsgBBAPI::SendRequest(m_communicator, peer.c_str(), command);
+    SendText(m_communicator, peer, text);
   }
 
   // Dispatches until `reply` has arrived; fails the test after a minute.

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +22,8 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+
+#include "TextMessages.h"
 
 namespace {
 
@@ -54,17 +55,11 @@ class Peer : public KelMsgBBMessageHandler {
       : m_options(options), m_communicator(communicator), m_files(files) {}
 
   void Reply(const std::string& text) const {
-    KelMsgStringType reply;
-    reply.SetData(text.data(), static_cast<int>(text.size()));
-    KelMsgBBAPI::SendRequest(m_communicator, m_options.controller.c_str(), reply);
+    SendText(m_communicator, m_options.controller, text);
   }
 
   void HandleMessage(const KelMsgBBMessage& msg, const char* /*id*/) override {
-    const auto& command = static_cast<const KelMsgStringType&>(msg);
-    std::vector<std::string> fields;
-    std::istringstream lines(std::string(command.Data(), static_cast<std::size_t>(command.Size())));
-    for (std::string field; std::getline(lines, field);)
-      fields.push_back(field);
+    const std::vector<std::string> fields = TextLines(msg);
     if (fields.empty())
       return;
     const std::string& verb = fields[0];

@@ -1,4 +1,5 @@
 #include "Controller.h"
+#include "TextMessages.h"
 
 #include <KelMsgFeaMessaging/KelBus.h>
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
@@ -50,9 +51,7 @@ ChildProcess Controller::StartPeer(std::vector<std::string> arguments,
 }
 
 int Controller::Tell(const std::string& target, const std::string& text) const {
-  KelMsgStringType message;
-  message.SetData(text.data(), static_cast<int>(text.size()));
-  return KelMsgBBAPI::SendRequest(m_communicator, target.c_str(), message);
+  return SendText(m_communicator, target, text);
 }
 
 bool Controller::Await(const std::function<bool(const std::vector<Answer>&)>& done,

@@ -32,7 +32,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -46,6 +45,8 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+
+#include "TextMessages.h"
 
 namespace {
 
@@ -137,18 +138,12 @@ class Peer : public KelMsgBBMessageHandler {
   }
 
   void Tell(const std::string& target, const std::string& text) const {
-    KelMsgStringType message;
-    message.SetData(text.data(), static_cast<int>(text.size()));
-    KelMsgBBAPI::SendRequest(m_communicator, target.c_str(), message);
+    SendText(m_communicator, target, text);
   }
   void Reply(const std::string& text) const { Tell(m_options.controller, text); }
 
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    const auto& command = static_cast<const KelMsgStringType&>(msg);
-    std::vector<std::string> fields;
-    std::istringstream lines(std::string(command.Data(), static_cast<std::size_t>(command.Size())));
-    for (std::string field; std::getline(lines, field);)
-      fields.push_back(field);
+    std::vector<std::string> fields = TextLines(msg);
     if (fields.empty())
       fields.emplace_back();
     const std::string& verb = fields[0];
@@ -163,7 +158,8 @@ class Peer : public KelMsgBBMessageHandler {
     } else if (verb == "quit") {
       m_quit = 0;
     } else {
-      std::printf("delivered %s %d\n", msg.Type(), command.Size());
+      std::printf("delivered %s %d\n", msg.Type(),
+                  static_cast<const KelMsgStringType&>(msg).Size());
       std::fflush(stdout);
     }
   }
