@@ -165,15 +165,17 @@ int MqttLink::PublishLocked(const std::string& topic, const void* bytes, int siz
   const int result =
       mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
   switch (result) {
+    // NO_CONN: the connection broke before the link's thread noticed.  The
+    // library keeps a QoS 1 message queued all the same and sends it once the
+    // connection is restored, so it is in flight like any other.
     case MOSQ_ERR_SUCCESS:
+    case MOSQ_ERR_NO_CONN:
       m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
       return KELBUS_OK;
     case MOSQ_ERR_OVERSIZE_PACKET:
     case MOSQ_ERR_PAYLOAD_SIZE:
       return Fail(KELBUS_ERR_TOO_LARGE, "a message of " + std::to_string(size) +
                                             " bytes is larger than the broker accepts");
-    case MOSQ_ERR_NO_CONN:
-      return Fail(KELBUS_ERR_DISCONNECTED, "the connection to the broker is down");
     case MOSQ_ERR_MALFORMED_UTF8:
       return Fail(KELBUS_ERR_INVALID, "the type name is not UTF-8");
     default:
