@@ -1,8 +1,5 @@
 #include "PrivateBroker.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -21,19 +19,34 @@ namespace {
 constexpr auto kStartLimit = std::chrono::seconds(5);
 constexpr auto kPollInterval = std::chrono::milliseconds(10);
 
-// A broker that listens on every interface answers on the loopback one.
-bool AcceptsConnections(const std::string& address, int port) {
-  sockaddr_in peer{};
-  peer.sin_family = AF_INET;
-  peer.sin_port = htons(static_cast<std::uint16_t>(port));
-  const char* reachable = address == "0.0.0.0" ? "127.0.0.1" : address.c_str();
-  if (inet_pton(AF_INET, reachable, &peer.sin_addr) != 1)
-    return false;
-  const int client = socket(AF_INET, SOCK_STREAM, 0);
-  const bool connected =
-      connect(client, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0;
-  close(client);
-  return connected;
+// Whether process `pid` holds the IPv4 socket that listens on `port`.  A
+// connection test is not enough: a broker started at the same moment on the
+// same port by somebody else would answer it while ours failed to bind.
+bool HoldsListener(pid_t pid, int port) {
+  constexpr const char* kListening = "0A";
+  std::set<std::string> listeners;  // as the descriptors' links name them
+  std::ifstream table("/proc/net/tcp");
+  std::string line;
+  std::getline(table, line);  // the column titles
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout, inode;
+    fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >>
+        timeout >> inode;
+    const std::size_t colon = local.find(':');
+    if (fields && state == kListening && colon != std::string::npos &&
+        std::strtol(local.c_str() + colon + 1, nullptr, 16) == port) {
+      listeners.insert("socket:[" + inode + "]");
+    }
+  }
+  std::error_code error;
+  for (fs::directory_iterator descriptor("/proc/" + std::to_string(pid) + "/fd", error);
+       !error && descriptor != fs::directory_iterator(); descriptor.increment(error)) {
+    std::error_code closedMeanwhile;
+    if (listeners.contains(fs::read_symlink(descriptor->path(), closedMeanwhile).string()))
+      return true;
+  }
+  return false;
 }
 
 // The last line that says something: mosquitto's reason for giving up.
@@ -138,7 +151,7 @@ bool PrivateBroker::Start() {
       ChildProcess::Exec({m_settings.program, "-c", configuration}, m_directory + "/broker.log");
   const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
   while (std::chrono::steady_clock::now() < deadline && broker.Running()) {
-    if (AcceptsConnections(m_settings.address, m_port)) {
+    if (HoldsListener(broker.Pid(), m_port)) {
       m_process.emplace(std::move(broker));
       m_error.clear();
       return true;

@@ -32,7 +32,7 @@ class PrivateBroker {
     std::string program = MosquittoProgram();
   };
 
-  // Starts the broker on `port` and waits until it accepts connections, at
+  // Starts the broker on `port` and waits until it listens on it, at
   // most 5 s.  Running() tells whether it does, Error() why not.
   PrivateBroker(Settings settings, int port);
   ~PrivateBroker();

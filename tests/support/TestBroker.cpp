@@ -30,10 +30,15 @@ int FreePort() {
 }  // namespace
 
 TestBroker::TestBroker() {
-  for (int attempt = 0; attempt < kAttempts && !Running(); ++attempt) {
-    m_broker = std::make_unique<PrivateBroker>(
-        PrivateBroker::Settings{.configuration = KELMSG_BROKER_CONFIGURATION}, FreePort());
-  }
+  for (int attempt = 0; attempt < kAttempts && !Running(); ++attempt)
+    m_broker = Start(FreePort());
+}
+
+TestBroker::TestBroker(int port) : m_broker(Start(port)) {}
+
+std::unique_ptr<PrivateBroker> TestBroker::Start(int port) {
+  return std::make_unique<PrivateBroker>(
+      PrivateBroker::Settings{.configuration = KELMSG_BROKER_CONFIGURATION}, port);
 }
 
 std::string TestBroker::Url(const std::string& nameSpace) const {

@@ -17,6 +17,8 @@
 class TestBroker {
  public:
   TestBroker();
+  // On `port`, one attempt.
+  explicit TestBroker(int port);
 
   bool Running() const { return m_broker && m_broker->Running(); }
   // Why the broker is not running.
@@ -37,6 +39,8 @@ class TestBroker {
   bool Restart() { return m_broker->Restart(); }
 
  private:
+  static std::unique_ptr<PrivateBroker> Start(int port);
+
   std::unique_ptr<PrivateBroker> m_broker;
 };
 

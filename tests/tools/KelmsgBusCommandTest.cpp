@@ -8,6 +8,7 @@
 
 #include "KelmsgProcess.h"
 #include "ListeningSocket.h"
+#include "TestBroker.h"
 
 namespace {
 
@@ -51,6 +52,19 @@ TEST(KelmsgBus, SigtermStopsItToo) {
   bus.Signal(SIGTERM);
   EXPECT_EQ(bus.ExitCode(15s), 0) << bus.Err();
   EXPECT_FALSE(AcceptsConnections(static_cast<std::uint16_t>(port)));
+}
+
+// Two buses started at once may both find a port free; the one whose
+// broker then cannot take it must not count the other's broker as its own.
+TEST(KelmsgBus, ABrokerCountsAsStartedOnlyWhenItHoldsItsPort) {
+  TestBroker first;
+  ASSERT_TRUE(first.Running()) << first.Error();
+  TestBroker second(first.Port());
+  EXPECT_FALSE(second.Running());
+  EXPECT_NE(second.Error().find("did not start on port " + std::to_string(first.Port())),
+            std::string::npos)
+      << second.Error();
+  EXPECT_TRUE(AcceptsConnections(static_cast<std::uint16_t>(first.Port())));
 }
 
 TEST(KelmsgBus, RefusesAListWithoutAFreePort) {
