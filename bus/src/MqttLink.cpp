@@ -1,6 +1,7 @@
 #include "MqttLink.h"
 
 #include <mqtt_protocol.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <KelMsgFeaMessaging/KelBus.h>
@@ -77,11 +78,15 @@ void MqttLink::Subscribe(std::string filter, int options) {
 void MqttLink::Unsubscribe(const std::string& filter) {
   std::lock_guard lock(m_mutex);
   std::erase_if(m_subscriptions, [&](const Subscription& s) { return s.filter == filter; });
-  if (m_state == State::kUp)
+  if (m_state == State::kUp) {
     mosquitto_unsubscribe_v5(m_mosq, nullptr, filter.c_str(), nullptr);
+    m_wakeup.Raise();
+  }
 }
 
 int MqttLink::Configure() {
+  if (m_wakeup.Descriptor() < 0)
+    return Fail(KELBUS_ERR_TRANSPORT, std::string("cannot create an eventfd: ") + strerror(errno));
   m_mosq = mosquitto_new(m_clientId.empty() ? nullptr : m_clientId.c_str(), true, this);
   if (m_mosq == nullptr)
     return Fail(KELBUS_ERR_TRANSPORT, "cannot create an MQTT client");
@@ -164,6 +169,7 @@ int MqttLink::PublishLocked(const std::string& topic, const void* bytes, int siz
   int mid = 0;
   const int result =
       mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
+  m_wakeup.Raise();
   switch (result) {
     // NO_CONN: the connection broke before the link's thread noticed.  The
     // library keeps a QoS 1 message queued all the same and sends it once the
@@ -200,6 +206,7 @@ void MqttLink::Close(bool withWill) {
     if (up) {
       mosquitto_disconnect_v5(m_mosq, withWill ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : 0, nullptr);
     }
+    m_wakeup.Raise();
   }
   m_changed.notify_all();
   if (m_thread.joinable())
@@ -226,7 +233,7 @@ MqttLink::State MqttLink::CurrentState() const {
 
 void MqttLink::Run() {
   for (;;) {
-    const int result = mosquitto_loop(m_mosq, kLoopSliceMs, 1);
+    const int result = Step(kLoopSliceMs);
     if (m_stopping) {
       if (result != MOSQ_ERR_SUCCESS || !m_sayingGoodbye || Clock::now() > m_stopDeadline)
         return;
@@ -237,6 +244,31 @@ void MqttLink::Run() {
     if (!ConnectionBroke(result) || !StartReconnecting())
       return;
   }
+}
+
+int MqttLink::Step(int timeoutMs) {
+  const int socket = mosquitto_socket(m_mosq);
+  if (socket < 0)
+    return MOSQ_ERR_NO_CONN;
+  const short writable = mosquitto_want_write(m_mosq) ? POLLOUT : 0;
+  pollfd watched[] = {{socket, static_cast<short>(POLLIN | writable), 0},
+                      {m_wakeup.Descriptor(), POLLIN, 0}};
+  if (poll(watched, std::size(watched), timeoutMs) < 0)
+    return errno == EINTR ? MOSQ_ERR_SUCCESS : MOSQ_ERR_ERRNO;
+  const bool woken = (watched[1].revents & POLLIN) != 0;
+  if (woken)
+    m_wakeup.Clear();
+  if ((watched[0].revents & (POLLIN | POLLERR | POLLHUP)) != 0) {
+    if (const int result = mosquitto_loop_read(m_mosq, 1); result != MOSQ_ERR_SUCCESS)
+      return result;
+  }
+  // Packets queued by other threads since the poll began are written now,
+  // not a round later.
+  if ((watched[0].revents & POLLOUT) != 0 || (woken && mosquitto_want_write(m_mosq))) {
+    if (const int result = mosquitto_loop_write(m_mosq, 1); result != MOSQ_ERR_SUCCESS)
+      return result;
+  }
+  return mosquitto_loop_misc(m_mosq);
 }
 
 bool MqttLink::ConnectionBroke(int loopResult) {
@@ -321,6 +353,7 @@ void MqttLink::SubscribeLocked(const Subscription& subscription) {
   if (mosquitto_subscribe_v5(m_mosq, &mid, subscription.filter.c_str(), kQos, subscription.options,
                              nullptr) == MOSQ_ERR_SUCCESS) {
     m_awaitedSubscriptions.push_back(mid);
+    m_wakeup.Raise();
   }
 }
 

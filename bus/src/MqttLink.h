@@ -1,5 +1,7 @@
 // One MQTT 5 connection to the broker, driven by a network thread of its
-// own (libmosquitto in threaded mode; the thread runs mosquitto_loop).
+// own.  The thread polls the socket itself and lets libmosquitto read and
+// write: mosquitto_loop would use select(), which cannot watch a descriptor
+// above 1023, and a solver may well hold that many files open.
 //
 // The link restores a broken connection by itself, with growing delays, and
 // asks its reconnect guard first: a guard may postpone the attempt or give
@@ -28,6 +30,7 @@
 
 #include "BusAddress.h"
 #include "SendWindow.h"
+#include "Wakeup.h"
 
 namespace kelbus {
 
@@ -109,6 +112,10 @@ class MqttLink {
 
   int Configure();
   void Run();
+  // One round of the network thread: waits up to `timeoutMs` for the socket
+  // or a wake-up, then reads, writes and keeps the connection alive.
+  // Returns libmosquitto's result.
+  int Step(int timeoutMs);
   // Returns whether the link should try to restore the connection.
   bool ConnectionBroke(int loopResult);
   // Returns once an attempt to reconnect is under way, or false when the
@@ -128,6 +135,9 @@ class MqttLink {
   std::function<Verdict()> m_guard;
 
   mosquitto* m_mosq = nullptr;
+  // Raised after queueing packets from other threads, so that the network
+  // thread writes them out.
+  Wakeup m_wakeup;
   std::thread m_thread;
   std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_sayingGoodbye{false};

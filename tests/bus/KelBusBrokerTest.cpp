@@ -1,8 +1,10 @@
 // The bus across real processes and a real broker that each test starts:
 // departure records, the claim of a name, a missing broker, a lost
 // connection and the send window.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <KelMsgFeaMessaging/KelBus.h>
@@ -136,6 +138,36 @@ TEST_F(KelBusBroker, AChildOfAKilledProcessDoesNotKeepItsConnectionAlive) {
   kill(grandchild, SIGKILL);
   ASSERT_TRUE(reported);
   ExpectReportOf(Received::Reports()[0], parent.Pid(), "parent");
+}
+
+// A solver may hold many files open; the bus's socket then gets a descriptor
+// above what select() can watch.
+TEST_F(KelBusBroker, AProcessHoldingThousandsOfDescriptorsUsesTheBus) {
+  constexpr rlim_t kDescriptors = 1100;
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < kDescriptors + 64)
+    GTEST_SKIP() << "the hard limit on open files is " << limit.rlim_max;
+  Member watcher("watcher");
+  ASSERT_EQ(Received::CollectMessages(watcher.Id()), KELBUS_OK);
+  ChildProcess crowded = ChildProcess::Fork([&limit] {
+    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, kDescriptors + 64);
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
+      return 1;
+    for (rlim_t i = 0; i < kDescriptors; ++i) {
+      if (open("/dev/null", O_RDONLY) < 0)
+        return 2;
+    }
+    const int id = JoinAndAnnounce("crowded", "watcher");
+    if (id == 0)
+      return 3;
+    if (Received::CollectMessages(id) != KELBUS_OK || !Received::AwaitMessages(id, 1, 10000))
+      return 4;
+    return Received::Messages().back().bytes == "answer" ? 0 : 5;
+  });
+  ASSERT_TRUE(Received::AwaitMessages(watcher.Id(), 1, 10000));
+  ASSERT_EQ(Send(watcher.Id(), "crowded", "T", "answer"), KELBUS_OK);
+  EXPECT_EQ(crowded.ExitCode(15s), 0);
 }
 
 TEST_F(KelBusBroker, OneNameHasOneLiveHolder) {
