@@ -86,7 +86,8 @@ void MqttLink::Unsubscribe(const std::string& filter) {
 
 int MqttLink::Configure() {
   if (m_wakeup.Descriptor() < 0)
-    return Fail(KELBUS_ERR_TRANSPORT, std::string("cannot create an eventfd: ") + strerror(errno));
+    return Fail(KELBUS_ERR_TRANSPORT,
+                std::string("cannot create an eventfd: ") + std::strerror(errno));
   m_mosq = mosquitto_new(m_clientId.empty() ? nullptr : m_clientId.c_str(), true, this);
   if (m_mosq == nullptr)
     return Fail(KELBUS_ERR_TRANSPORT, "cannot create an MQTT client");
