@@ -6,7 +6,6 @@
 // identifier, receives files with an engine of its own, tells CONTROLLER
 // "ready", and carries out the commands that arrive as raw string messages
 // (fields separated by '\n'):
-//   ping                 answers "pong";
 //   push + eight names   pushes a file with SendFile, then answers
 //                        "pushed <peak resident KiB>";
 //   go                   (mesh) sends COUNT messages "seq <k>", k from 0, to
@@ -147,9 +146,7 @@ class Peer : public KelMsgBBMessageHandler {
     if (fields.empty())
       fields.emplace_back();
     const std::string& verb = fields[0];
-    if (verb == "ping") {
-      Reply("pong");
-    } else if (verb == "push" && fields.size() == 9) {
+    if (verb == "push" && fields.size() == 9) {
       Push(fields);
     } else if (verb == "go") {
       SendMeshMessages();
