@@ -132,7 +132,7 @@ class FileTransferTest : public ::testing::Test {
   }
 
   void StartPeer(const std::string& name, const std::string& id = {}) {
-    std::vector<std::string> argv = {KELMSG_TRANSFER_PEER, name, kTester};
+    std::vector<std::string> argv = {KELMSG_FAULT_PEER, name, kTester};
     if (!id.empty())
       argv.insert(argv.end(), {"--id", id});
     m_children.push_back(ChildProcess::Exec(argv));
@@ -148,11 +148,12 @@ class FileTransferTest : public ::testing::Test {
     SendText(m_communicator, peer, text);
   }
 
-  // Dispatches until `reply` has arrived; fails the test after a minute.
+  // Dispatches until a reply that begins with `reply` has arrived; fails the
+  // test after a minute.
   void AwaitReply(const std::string& reply) {
     for (int waited = 0; waited < kWaitMs; waited += 100) {
       for (auto it = m_replies.begin(); it != m_replies.end(); ++it) {
-        if (*it == reply) {
+        if (it->rfind(reply, 0) == 0) {
           m_replies.erase(it);
           return;
         }
@@ -219,7 +220,7 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
 
     Call(engine, &KelMsgFileTransfer::ISendFile, ToPeer("peer", name, name + ".ipushed"));
     Command("peer", "sync");  // answered once everything before it is handled
-    AwaitReply("peer: done sync");
+    AwaitReply("peer: synced");
     EXPECT_EQ(ReadFile(Peers(name + ".ipushed")), ReadFile(Mine(name))) << "ISendFile " << size;
 
     Call(engine, &KelMsgFileTransfer::ReceiveFile,
@@ -227,7 +228,7 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
     EXPECT_EQ(ReadFile(Mine(name + ".pulled")), ReadFile(Mine(name))) << "ReceiveFile " << size;
 
     Command("peer", "push", FromPeer("peer", name + ".ipushed", name + ".back"));
-    AwaitReply("peer: done push");
+    AwaitReply("peer: pushed ");
     EXPECT_EQ(ReadFile(Mine(name + ".back")), ReadFile(Mine(name))) << "push to us " << size;
   }
   umask(previous);
@@ -251,9 +252,9 @@ TEST_F(FileTransferTest, TwoFilesInARowAreBothNumberedFromOne) {
   WriteRandomFile(Peers("a"), 65537, 2);
   WriteRandomFile(Peers("b"), 65537, 3);
   Command("peer", "push", FromPeer("peer", "a", "a"));
-  AwaitReply("peer: done push");
+  AwaitReply("peer: pushed ");
   Command("peer", "push", FromPeer("peer", "b", "b"));
-  AwaitReply("peer: done push");
+  AwaitReply("peer: pushed ");
 
   std::vector<std::string> numbering;
   for (const std::string& line : trace.Lines()) {
@@ -278,10 +279,10 @@ TEST_F(FileTransferTest, TwoSourcesFeedOneReceiverAtOnce) {
   WriteRandomFile(Peers("r"), 2 * 1024 * 1024 + 5, 5);
   Command("left", "push", FromPeer("left", "l", "from-left"));
   Command("right", "ipush", FromPeer("right", "r", "from-right"));
-  AwaitReply("left: done push");
-  AwaitReply("right: done ipush");
+  AwaitReply("left: pushed ");
+  AwaitReply("right: ipushed");
   Command("right", "sync");
-  AwaitReply("right: done sync");
+  AwaitReply("right: synced");
   EXPECT_EQ(ReadFile(Mine("from-left")), ReadFile(Peers("l")));
   EXPECT_EQ(ReadFile(Mine("from-right")), ReadFile(Peers("r")));
 }
@@ -293,9 +294,9 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   StartPeer("peer");
   WriteRandomFile(Peers("x"), 70000, 6);
   Command("rogue", "ipush", FromPeer("rogue", "x", "from-rogue"));
-  AwaitReply("someone-else: done ipush");
+  AwaitReply("someone-else: ipushed");
   Command("rogue", "sync");
-  AwaitReply("someone-else: done sync");
+  AwaitReply("someone-else: synced");
 
   EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
   ASSERT_EQ(reports.Reports().size(), 1U);
@@ -303,7 +304,7 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
 
   Command("peer", "push", FromPeer("peer", "x", "from-peer"));
-  AwaitReply("peer: done push");
+  AwaitReply("peer: pushed ");
   EXPECT_EQ(ReadFile(Mine("from-peer")), ReadFile(Peers("x")));
 }
 
@@ -366,7 +367,7 @@ TEST_P(FileTransferTraceTest, ReceivingSide) {
   StartPeer("peer");
   std::ofstream(Peers("small"), std::ios::binary) << "0123456789";
   Command("peer", "push", FromPeer("peer", "small", "copy"));
-  AwaitReply("peer: done push");
+  AwaitReply("peer: pushed ");
 
   const std::string mine = m_mine.Path().string();
   const std::string peers = m_peers.Path().string();
