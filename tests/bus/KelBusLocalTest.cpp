@@ -141,41 +141,6 @@ TEST_F(KelBusLocal, WaitingLoopServesItsCommunicatorAndSysLoopServesAllInArrival
             (std::vector<std::string>{"second-for-a", "first-for-b", "third-for-b"}));
 }
 
-// A handler that answers a request by sending to itself and waiting, inside
-// its own callback, until that answer has come round.
-std::vector<std::string> g_steps;
-int g_answered = 0;
-int g_self = 0;
-
-void AnsweringHandler(const char* type, const void*, int) {
-  const std::string what = type;
-  g_steps.push_back(what);
-  if (what == "request") {
-    ASSERT_EQ(Send(g_self, "self", "answer", "42"), KELBUS_OK);
-    g_answered = -1;
-    EXPECT_EQ(WaitingLoop(g_self, 5000, &g_answered), KELBUS_OK);
-    g_steps.push_back("request done");
-  } else if (what == "answer") {
-    g_answered = 0;
-  }
-}
-
-TEST_F(KelBusLocal, AHandlerMaySendAndWaitAgainInsideItsCallback) {
-  Member self("self");
-  g_self = self.Id();
-  g_steps.clear();
-  ASSERT_EQ(AssociateHandler(self.Id(), nullptr, &AnsweringHandler), KELBUS_OK);
-  ASSERT_EQ(Send(self.Id(), "self", "request", ""), KELBUS_OK);
-  ASSERT_EQ(Send(self.Id(), "self", "after", ""), KELBUS_OK);
-  int calls = 0;
-  while (g_steps.size() < 4 && calls++ < 10) {
-    int watched = 0;
-    WaitingLoop(self.Id(), 100, &watched);
-  }
-  // "after" was queued before "answer", so the nested wait runs it first.
-  EXPECT_EQ(g_steps, (std::vector<std::string>{"request", "after", "answer", "request done"}));
-}
-
 int g_closing = 0;
 void ClosingHandler(const char*, const void*, int) {
   CloseCommunicator(g_closing);

@@ -1,14 +1,18 @@
-// kelmsg_fault_peer: a process that the fault tests start, steer and break.
+// kelmsg_fault_peer: a process that the fault and file-transfer tests start,
+// steer and break.
 //
-//   kelmsg_fault_peer APP CONTROLLER [--sleep-us N] [--mesh INDEX PEERS COUNT FANOUT]
+//   kelmsg_fault_peer APP CONTROLLER [--id ID] [--sleep-us N]
+//                     [--mesh INDEX PEERS COUNT FANOUT]
 //
-// Joins the bus named by KELBUS_URL as APP, with APP as its message
-// identifier, receives files with an engine of its own, tells CONTROLLER
-// "ready", and carries out the commands that arrive as raw string messages
-// (fields separated by '\n'):
-//   ping                 answers "pong";
+// Joins the bus named by KELBUS_URL as APP, with ID (APP unless given) as its
+// message identifier, receives files with an engine of its own, tells
+// CONTROLLER "ready", and carries out the commands that arrive as raw string
+// messages (fields separated by '\n'):
 //   push + eight names   pushes a file with SendFile, then answers
 //                        "pushed <peak resident KiB>";
+//   ipush + eight names  pushes a file with ISendFile, then answers "ipushed";
+//   sync                 answers "synced": everything sent before it has been
+//                        handled;
 //   go                   (mesh) sends COUNT messages "seq <k>", k from 0, to
 //                        each of the FANOUT peers after INDEX (peers are named
 //                        p0 .. p<PEERS-1>, counted round);
@@ -60,6 +64,7 @@ struct Mesh {
 struct Options {
   std::string application;
   std::string controller;
+  std::string id;
   int sleepMicroseconds = 0;
   Mesh mesh;
 };
@@ -67,13 +72,15 @@ struct Options {
 Options Parse(int argc, char** argv) {
   if (argc < 3) {
     std::fprintf(stderr,
-                 "usage: kelmsg_fault_peer APP CONTROLLER [--sleep-us N] "
+                 "usage: kelmsg_fault_peer APP CONTROLLER [--id ID] [--sleep-us N] "
                  "[--mesh INDEX PEERS COUNT FANOUT]\n");
     std::exit(2);
   }
-  Options options{argv[1], argv[2], 0, {}};
+  Options options{argv[1], argv[2], argv[1], 0, {}};
   for (int i = 3; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--sleep-us") == 0 && i + 1 < argc) {
+    if (std::strcmp(argv[i], "--id") == 0 && i + 1 < argc) {
+      options.id = argv[++i];
+    } else if (std::strcmp(argv[i], "--sleep-us") == 0 && i + 1 < argc) {
       options.sleepMicroseconds = std::atoi(argv[++i]);
     } else if (std::strcmp(argv[i], "--mesh") == 0 && i + 4 < argc) {
       options.mesh = {std::atoi(argv[i + 1]), std::atoi(argv[i + 2]), std::atoi(argv[i + 3]),
@@ -147,10 +154,14 @@ class Peer : public KelMsgBBMessageHandler {
     if (fields.empty())
       fields.emplace_back();
     const std::string& verb = fields[0];
-    if (verb == "ping") {
-      Reply("pong");
-    } else if (verb == "push" && fields.size() == 9) {
-      Push(fields);
+    if (verb == "push" && fields.size() == 9) {
+      Transfer(fields, &KelMsgFileTransfer::SendFile);
+      Reply("pushed " + std::to_string(PeakResidentKiB()));
+    } else if (verb == "ipush" && fields.size() == 9) {
+      Transfer(fields, &KelMsgFileTransfer::ISendFile);
+      Reply("ipushed");
+    } else if (verb == "sync") {
+      Reply("synced");
     } else if (verb == "go") {
       SendMeshMessages();
     } else if (verb.rfind("seq ", 0) == 0) {
@@ -167,10 +178,10 @@ class Peer : public KelMsgBBMessageHandler {
   int& Quit() { return m_quit; }
 
  private:
-  void Push(const std::vector<std::string>& f) {
-    m_files->SendFile(f[1].c_str(), f[2].c_str(), f[3].c_str(), f[4].c_str(), f[5].c_str(),
-                      f[6].c_str(), f[7].c_str(), f[8].c_str());
-    Reply("pushed " + std::to_string(PeakResidentKiB()));
+  void Transfer(const std::vector<std::string>& f,
+                decltype(&KelMsgFileTransfer::SendFile) operation) {
+    (m_files->*operation)(f[1].c_str(), f[2].c_str(), f[3].c_str(), f[4].c_str(), f[5].c_str(),
+                          f[6].c_str(), f[7].c_str(), f[8].c_str());
   }
 
   void SendMeshMessages() const {
@@ -218,7 +229,7 @@ int main(int argc, char** argv) {
   {
     // Deletes every prototype and handler adopted below when the peer ends.
     KelMsgBBCallbackManager registry;
-    KelMsgBBCallbackManager::SetMessageID(options.application.c_str());
+    KelMsgBBCallbackManager::SetMessageID(options.id.c_str());
     const int pause = options.sleepMicroseconds;
     auto* peer = new Peer(options, communicator, &files);
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType,

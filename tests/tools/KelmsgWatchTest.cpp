@@ -39,17 +39,6 @@ TEST_F(KelmsgWatch, ReturnsWhenItsTargetIsKilled) {
   EXPECT_NE(watch->Err().find("Exit Handler -- confirm exit\n"), std::string::npos);
 }
 
-TEST_F(KelmsgWatch, ReturnsWhenItsTargetObeysASoftKill) {
-  KelmsgProcess server({"serve", "solver"});
-  ASSERT_TRUE(server.WaitForOutput("serving files as solver")) << server.Err();
-  auto watch = Watch("solver");
-
-  ASSERT_EQ(RunKelmsg({"send", "solver", "--kill", "soft"}).status, 0);
-  EXPECT_EQ(server.ExitCode(10s), 0);
-  ASSERT_EQ(watch->ExitCode(10s), 0) << watch->Err();
-  EXPECT_EQ(watch->Out(), "watching solver\nsolver has left the bus\n");
-}
-
 TEST_F(KelmsgWatch, IgnoresOtherApplicationsLeaving) {
   KelmsgProcess solver({"listen", "solver"});
   ASSERT_TRUE(solver.WaitForOutput("listening as solver\n"));
