@@ -12,7 +12,7 @@ namespace {
 
 // No communicator of this process has this identifier, so every forward
 // fails and the echo is all that is left to see.  Relaying itself is
-// KelMsgBBAPITest's.
+// KelMsgHandlersBusTest's.
 constexpr int kNoCommunicator = 987654;
 
 TEST(KelMsgFwdHandlerTest, EchoesOnlyWhenSwitchedOnWithAStreamAndNeverClosesIt) {

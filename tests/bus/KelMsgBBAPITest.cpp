@@ -7,7 +7,6 @@
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 #include <KelMsgFeaMessaging/KelMsgBBDisconnectHandler.h>
-#include <KelMsgFeaMessaging/KelMsgFwdHandler.h>
 
 #include <cstdlib>
 #include <string>
@@ -125,27 +124,6 @@ TEST_F(KelMsgBBAPILocal, AssociateHandlerChangesNothing) {
   ASSERT_EQ(AwaitOne(me), KELBUS_OK);
   ASSERT_EQ(m_delivered.size(), 1u);
   EXPECT_EQ(m_delivered[0].bytes, "still delivered");
-}
-
-// origin -> relay -> sink: the relay sends the registry's clone on, framed
-// with the relay's own identifier.
-TEST_F(KelMsgBBAPILocal, AForwardingHandlerRelaysUnderItsOwnIdentifier) {
-  const int origin = Join(nullptr);
-  const int relay = Join("relay");
-  bustest::Member sink("sink");
-  ASSERT_EQ(bustest::Received::CollectMessages(sink.Id()), KELBUS_OK);
-  bustest::Received::Reset();
-  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new BlobMessage("Note"),
-                                                    new KelMsgFwdHandler(KelString("sink"), relay));
-  ASSERT_EQ(KelMsgBBAPI::EnableReceiveHandling(relay, "relay"), KELBUS_OK);
-  KelMsgBBCallbackManager::SetMessageID("origin");
-  ASSERT_EQ(KelMsgBBAPI::SendRequest(origin, "relay", BlobMessage("Note", "mesh ready")),
-            KELBUS_OK);
-  KelMsgBBCallbackManager::SetMessageID("relay");
-  ASSERT_EQ(KelMsgBBAPI::BBSysLoopWait(bustest::Received::Arrivals(), 5000), KELBUS_OK);
-  ASSERT_EQ(bustest::Received::Messages().size(), 1u);
-  EXPECT_EQ(bustest::Received::Messages()[0].type, "Note");
-  EXPECT_EQ(bustest::Received::Messages()[0].bytes, std::string("\x05\0\0\0relaymesh ready", 19));
 }
 
 class RecordingDisconnectHandler : public KelMsgBBDisconnectHandler {

@@ -67,6 +67,17 @@ bool Controller::Await(const std::function<bool(const std::vector<Answer>&)>& do
   return true;
 }
 
+bool Controller::AwaitAnswer(const std::string& sender, const std::string& text,
+                             std::chrono::milliseconds limit) {
+  return Await(
+      [&](const std::vector<Answer>& answers) {
+        return std::any_of(answers.begin(), answers.end(), [&](const Answer& answer) {
+          return answer.sender == sender && answer.text == text;
+        });
+      },
+      limit);
+}
+
 void Controller::Dispatch(std::chrono::milliseconds limit) {
   Await([](const std::vector<Answer>&) { return false; }, limit);
 }

@@ -3,7 +3,7 @@
 //
 //   Controller controller;                    // joins as "controller"
 //   ChildProcess peer = controller.StartPeer({"receiver"}, scratch / "receiver.out");
-//   controller.Tell("receiver", "quit");
+//   ASSERT_TRUE(controller.AwaitAnswer("receiver", "ready", 10s));
 //
 // Start every peer through the controller: it execs them, so the bus's
 // threads in this process never live on in a forked copy.
@@ -46,9 +46,14 @@ class Controller {
   // `limit` passes; the final value of `done`.
   bool Await(const std::function<bool(const std::vector<Answer>&)>& done,
              std::chrono::milliseconds limit);
+  // Await for one answer `text` from `sender`.
+  bool AwaitAnswer(const std::string& sender, const std::string& text,
+                   std::chrono::milliseconds limit);
   // Dispatches what arrives for `limit`, whatever it is.
   void Dispatch(std::chrono::milliseconds limit);
   const std::vector<Answer>& Answers() const { return m_answers; }
+  // Forgets the answers collected so far.
+  void ClearAnswers() { m_answers.clear(); }
 
  private:
   std::string m_application;

@@ -1,7 +1,7 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
-// in the middle of a push, a receiver slower than its sender, fifty processes
-// at once, and a foreign MQTT client that publishes garbage to an
-// application.
+// in the middle of a push, the broker killed and restarted under connected
+// processes, a receiver slower than its sender, fifty processes at once, and
+// a foreign MQTT client that publishes garbage to an application.
 //
 // The processes are kelmsg_fault_peer programs (FaultPeer.cpp) that this
 // process steers through the bus as their controller.
@@ -200,6 +200,34 @@ TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender
   EXPECT_EQ(sender2.ExitCode(10s), 0);
   EXPECT_EQ(Lines(Path("receiver.out")), std::vector<std::string>{})
       << "the receiver reported or received something it should not";
+}
+
+TEST_F(KelMsgFaultTest, BrokerRestartedUnderTwoConnectedProcessesBothResume) {
+  Controller controller;
+  ASSERT_TRUE(controller.Joined());
+  ChildProcess echo = controller.StartPeer({"echo"}, Path("echo.out"));
+  ASSERT_TRUE(AwaitReady(controller, 1, 30s));
+  ASSERT_EQ(controller.Tell("echo", "sync"), KELBUS_OK);
+  ASSERT_TRUE(controller.AwaitAnswer("echo", "synced", 10s));
+
+  m_broker.Kill();
+  ASSERT_TRUE(m_broker.Restart()) << m_broker.Error();
+
+  // Sends are refused while this process's connection is down, and a request
+  // that reaches the broker before the peer is back is lost: ask again until
+  // one goes round.
+  controller.ClearAnswers();
+  const auto restarted = std::chrono::steady_clock::now();
+  bool answered = false;
+  while (!answered && std::chrono::steady_clock::now() - restarted < 40s) {
+    controller.Tell("echo", "sync");
+    answered = controller.AwaitAnswer("echo", "synced", 250ms);
+  }
+  EXPECT_TRUE(answered) << m_broker.Log();
+
+  ASSERT_TRUE(echo.Running());
+  controller.Tell("echo", "quit");
+  EXPECT_EQ(echo.ExitCode(10s), 0);
 }
 
 TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded) {
