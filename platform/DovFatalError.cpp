@@ -1,6 +1,7 @@
 #include <KelMsgFeaMessaging/DovFatalError.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 DovFatalErrorSink g_sink = nullptr;
@@ -14,6 +15,12 @@ void DovFatalError(const char* message, const void* /*unused1*/, const void* /*u
   }
   std::fprintf(stderr, "%s -- %s, line %d\n", message, path, line);
   std::fflush(stderr);
+}
+
+void DovContractFailed(const char* message, const char* path, int line) {
+  DovFatalError(message, nullptr, nullptr, nullptr, path, line);
+  std::fflush(stderr);
+  std::abort();
 }
 
 DovFatalErrorSink DovSetFatalErrorSink(DovFatalErrorSink sink) {

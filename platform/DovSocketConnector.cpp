@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "KelMsgCheck.h"
+#include "DovAssert.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ sockaddr_in AnyInterface(std::uint16_t port) {
 
 DovSocketConnector::DovSocketConnector(std::uint16_t port, int backlog, int addressFamily)
     : m_port(port), m_backlog(backlog) {
-  KELMSG_ASSERT(addressFamily == AF_INET);
+  DOV_ASSERT(addressFamily == AF_INET);
 }
 
 DovSocketConnector::~DovSocketConnector() {
@@ -35,8 +35,8 @@ DovSocketConnector::~DovSocketConnector() {
 }
 
 int DovSocketConnector::Declare(const char* host) {
-  KELMSG_ASSERT(host == nullptr);
-  KELMSG_ASSERT(m_socket < 0);
+  DOV_ASSERT(host == nullptr);
+  DOV_ASSERT(m_socket < 0);
   m_socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (m_socket < 0)
     return -1;

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "KelMsgCheck.h"
+#include "DovAssert.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ bool IsSeparator(const char* character, int length, const DovUnicodeString& sepa
 }  // namespace
 
 DovToken::DovToken(const DovUnicodeString& text, unsigned char mode) : m_text(text) {
-  KELMSG_ASSERT(mode == 0);
+  DOV_ASSERT(mode == 0);
 }
 
 DovUnicodeString DovToken::GetNextToken(const DovUnicodeString& separators,

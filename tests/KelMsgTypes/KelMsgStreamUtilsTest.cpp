@@ -71,7 +71,8 @@ TEST(KelMsgStreamUtilsTest, BoundedReadRefusesBadCountsAndLeavesItsOutputsAlone)
     EXPECT_EQ(offset, 0);
     ASSERT_EQ(capture.Reports().size(), 1U);
     EXPECT_EQ(capture.Reports()[0].message, report);
-    EXPECT_EQ(capture.Reports()[0].path, "KelMsgFeaMessaging/platform/KelMsgPayloadReader");
+    EXPECT_EQ(capture.Reports()[0].path,
+              "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgPayloadReader");
   }
 }
 

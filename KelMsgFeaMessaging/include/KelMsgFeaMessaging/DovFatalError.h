@@ -17,6 +17,10 @@
 void DovFatalError(const char* message, const void* unused1, const void* unused2,
                    const void* unused3, const char* path, int line);
 
+// Reports as DovFatalError does, then ends the process with abort(): the end
+// of every check on the calling program's own contract.
+[[noreturn]] void DovContractFailed(const char* message, const char* path, int line);
+
 using DovFatalErrorSink = void (*)(const char* message, const char* path, int line);
 
 // Installs `sink` (null restores the line on standard error) and returns the

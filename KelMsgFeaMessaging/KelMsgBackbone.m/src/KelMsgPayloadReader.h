@@ -10,8 +10,8 @@
 //
 // Integers are 32-bit little-endian; a counted string is a 32-bit byte count
 // followed by that many UTF-8 bytes.
-#ifndef KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADREADER_H_
-#define KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADREADER_H_
+#ifndef KELMSGFEAMESSAGING_KELMSGPAYLOADREADER_H_
+#define KELMSGFEAMESSAGING_KELMSGPAYLOADREADER_H_
 
 #include <cstdint>
 
@@ -46,4 +46,4 @@ class KelMsgPayloadReader {
   bool m_failed = false;
 };
 
-#endif  // KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADREADER_H_
+#endif  // KELMSGFEAMESSAGING_KELMSGPAYLOADREADER_H_

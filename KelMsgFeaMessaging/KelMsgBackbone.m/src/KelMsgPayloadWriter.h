@@ -3,8 +3,8 @@
 //
 // A cursor over a buffer that the caller has sized from the payload's
 // required size; the writer itself checks no bound.
-#ifndef KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADWRITER_H_
-#define KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADWRITER_H_
+#ifndef KELMSGFEAMESSAGING_KELMSGPAYLOADWRITER_H_
+#define KELMSGFEAMESSAGING_KELMSGPAYLOADWRITER_H_
 
 #include <cstdint>
 
@@ -30,4 +30,4 @@ class KelMsgPayloadWriter {
   char* m_cursor;
 };
 
-#endif  // KELMSGFEAMESSAGING_PLATFORM_KELMSGPAYLOADWRITER_H_
+#endif  // KELMSGFEAMESSAGING_KELMSGPAYLOADWRITER_H_

@@ -12,10 +12,11 @@
 //   if (!KELMSG_PEER_CHECK(count >= 0)) return;
 //
 // Each source file defines `kSourcePath`, the path named in its reports.
-#ifndef KELMSGFEAMESSAGING_PLATFORM_KELMSGCHECK_H_
-#define KELMSGFEAMESSAGING_PLATFORM_KELMSGCHECK_H_
+#ifndef KELMSGFEAMESSAGING_KELMSGCHECK_H_
+#define KELMSGFEAMESSAGING_KELMSGCHECK_H_
 
-[[noreturn]] void KelMsgContractFailed(const char* text, const char* path, int line);
+#include <KelMsgFeaMessaging/DovFatalError.h>
+
 // Reports and marks the received message refused; always returns false.
 bool KelMsgPeerCheckFailed(const char* text, const char* path, int line);
 
@@ -25,13 +26,13 @@ bool KelMsgPeerCheckFailed(const char* text, const char* path, int line);
 void KelMsgClearRefusal() noexcept;
 bool KelMsgWasRefused() noexcept;
 
-#define KELMSG_ASSERT(cond)                                                  \
-  do {                                                                       \
-    if (!(cond))                                                             \
-      KelMsgContractFailed("AssertionFailed:" #cond, kSourcePath, __LINE__); \
+#define KELMSG_ASSERT(cond)                                               \
+  do {                                                                    \
+    if (!(cond))                                                          \
+      DovContractFailed("AssertionFailed:" #cond, kSourcePath, __LINE__); \
   } while (0)
 
 #define KELMSG_PEER_CHECK(cond) \
   ((cond) || KelMsgPeerCheckFailed("AssertionFailed:" #cond, kSourcePath, __LINE__))
 
-#endif  // KELMSGFEAMESSAGING_PLATFORM_KELMSGCHECK_H_
+#endif  // KELMSGFEAMESSAGING_KELMSGCHECK_H_
