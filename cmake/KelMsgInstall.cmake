@@ -1,6 +1,6 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS KelMsgFeaMessaging KelBus
+install(TARGETS KelMsgFeaMessaging KelBus KelMsgPlatform
         EXPORT KelMsgFeaMessagingTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -14,6 +14,7 @@ endif()
 install(DIRECTORY KelMsgFeaMessaging/include/KelMsgFeaMessaging
                   KelMsgFeaMessaging/containers/include/KelMsgFeaMessaging
                   bus/include/KelMsgFeaMessaging
+                  platform/include/KelMsgFeaMessaging
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT KelMsgFeaMessagingTargets

@@ -2,7 +2,7 @@
 // only keep the counts.
 #include <KelMsgFeaMessaging/KelSiblingLibraries.h>
 
-#include "KelModuleCounter.h"
+#include <KelMsgFeaMessaging/KelModuleCounter.h>
 
 namespace {
 KelModuleCounter g_poolManager;

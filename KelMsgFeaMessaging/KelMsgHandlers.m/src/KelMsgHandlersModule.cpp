@@ -1,7 +1,7 @@
 // The module holds no resources of its own; its entry points keep the count.
 #include <KelMsgFeaMessaging/KelMsgModules.h>
 
-#include "KelModuleCounter.h"
+#include <KelMsgFeaMessaging/KelModuleCounter.h>
 
 namespace {
 KelModuleCounter g_module;

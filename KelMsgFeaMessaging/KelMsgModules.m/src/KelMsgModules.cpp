@@ -2,9 +2,8 @@
 
 #include <iterator>
 
+#include <KelMsgFeaMessaging/KelModuleCounter.h>
 #include <KelMsgFeaMessaging/KelSiblingLibraries.h>
-
-#include "KelModuleCounter.h"
 
 namespace {
 

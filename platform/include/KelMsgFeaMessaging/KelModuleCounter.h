@@ -1,7 +1,9 @@
 // The reference-counting contract shared by every initialise and finalise
-// entry point of the library and of its sibling libraries.
-#ifndef KELMSGFEAMESSAGING_PLATFORM_KELMODULECOUNTER_H_
-#define KELMSGFEAMESSAGING_PLATFORM_KELMODULECOUNTER_H_
+// entry point of the library and of its sibling libraries.  A counter holds
+// no resource; it is not locked, since start-up and shut-down run on one
+// thread.
+#ifndef KELMSGFEAMESSAGING_KELMODULECOUNTER_H_
+#define KELMSGFEAMESSAGING_KELMODULECOUNTER_H_
 
 class KelModuleCounter {
  public:
@@ -22,4 +24,4 @@ class KelModuleCounter {
   int m_count = 0;
 };
 
-#endif  // KELMSGFEAMESSAGING_PLATFORM_KELMODULECOUNTER_H_
+#endif  // KELMSGFEAMESSAGING_KELMODULECOUNTER_H_
