@@ -21,12 +21,12 @@
 
 #include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
+#include <KelMsgFeaMessaging/KelMsgBBMaps.h>
 #include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlTypeFactory.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
-#include <KelMsgFeaMessaging/cow_Btree.h>
 
 #include "BenchTable.h"
 

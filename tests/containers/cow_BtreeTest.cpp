@@ -1,6 +1,7 @@
 // The copy-on-write map: a randomized comparison with std::map over copies
 // that share nodes, and the tree shapes, key orders and sharing of chosen
 // cases.
+#include <KelMsgFeaMessaging/KelMsgBBMaps.h>
 #include <KelMsgFeaMessaging/cow_Btree.h>
 #include <KelMsgFeaMessaging/cow_BtreeIterator.h>
 #include <KelMsgFeaMessaging/cow_String.h>

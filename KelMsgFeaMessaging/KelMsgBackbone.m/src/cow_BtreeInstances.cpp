@@ -1,8 +1,6 @@
-// The instantiations of the copy-on-write map that the library exports.  The
-// headers declare them extern, so every client links to this code.
-#include <KelMsgFeaMessaging/cow_Btree.h>
-#include <KelMsgFeaMessaging/cow_BtreeIterator.h>
-#include <KelMsgFeaMessaging/cow_String.h>
+// The instantiations of the copy-on-write map that the library exports.
+// KelMsgBBMaps.h declares them extern, so every client links to this code.
+#include <KelMsgFeaMessaging/KelMsgBBMaps.h>
 
 template class cow_Btree<cow_String, KelMsgBBMessage*>;
 template class cow_Btree<cow_String, KelMsgBBMessageHandler*>;

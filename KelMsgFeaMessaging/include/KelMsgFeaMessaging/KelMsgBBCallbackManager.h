@@ -16,9 +16,8 @@
 #ifndef KELMSGFEAMESSAGING_KELMSGBBCALLBACKMANAGER_H_
 #define KELMSGFEAMESSAGING_KELMSGBBCALLBACKMANAGER_H_
 
+#include <KelMsgFeaMessaging/KelMsgBBMaps.h>
 #include <KelMsgFeaMessaging/KelString.h>
-#include <KelMsgFeaMessaging/cow_Btree.h>
-#include <KelMsgFeaMessaging/cow_String.h>
 
 class KelMsgBBMessage;
 class KelMsgBBMessageHandler;

@@ -17,9 +17,6 @@
 // mem_OperatorNewTinyThrow) and go back with mem_Free.  Allocation failure
 // propagates as std::bad_alloc; nothing else is reported.  Maps that share
 // nodes must be used from one thread: counts are not atomic.
-//
-// The library exports the instantiations <cow_String, KelMsgBBMessage*>,
-// <cow_String, KelMsgBBMessageHandler*> and <int, KelMsgBBMessage*>.
 #ifndef KELMSGFEAMESSAGING_COW_BTREE_H_
 #define KELMSGFEAMESSAGING_COW_BTREE_H_
 
@@ -165,13 +162,5 @@ void cow_Btree<K, V>::Clear() {
   m_root = nullptr;
   m_count = 0;
 }
-
-class KelMsgBBMessage;
-class KelMsgBBMessageHandler;
-
-// Compiled once, in the library; clients use its code.
-extern template class cow_Btree<cow_String, KelMsgBBMessage*>;
-extern template class cow_Btree<cow_String, KelMsgBBMessageHandler*>;
-extern template class cow_Btree<int, KelMsgBBMessage*>;
 
 #endif  // KELMSGFEAMESSAGING_COW_BTREE_H_

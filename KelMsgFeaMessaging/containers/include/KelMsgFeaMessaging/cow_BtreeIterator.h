@@ -1,6 +1,6 @@
 // cow_BtreeIterator: walks the entries of a cow_Btree in key order, either way.
 //
-//   cow_BtreeIterator<cow_String, KelMsgBBMessage*> entry(map);
+//   cow_BtreeIterator<cow_String, int> entry(map);
 //   for (entry.First(); !entry.AtEnd(); entry.Next()) Use(entry.Key(), entry.Value());
 //
 // The iterator keeps the path from the root to the current entry as a stack
@@ -133,10 +133,5 @@ void cow_BtreeIterator<K, V>::Step(Child forward, Child backward) {
   while (m_top != nullptr && (m_top->handle->Referent()->*forward)() == from)
     from = Pop();
 }
-
-// Compiled once, in the library; clients use its code.
-extern template class cow_BtreeIterator<cow_String, KelMsgBBMessage*>;
-extern template class cow_BtreeIterator<cow_String, KelMsgBBMessageHandler*>;
-extern template class cow_BtreeIterator<int, KelMsgBBMessage*>;
 
 #endif  // KELMSGFEAMESSAGING_COW_BTREEITERATOR_H_
