@@ -16,3 +16,14 @@ if(KELMSG_BUILD_FUZZ)
   endif()
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+
+# Reports name a source file by its path in the project (DovSourcePath.h):
+# the compiler drops the project's location from __FILE__, whether the file
+# is named by its absolute path or, as ccache names it under CCACHE_BASEDIR,
+# by a path relative to the build tree.
+add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+file(RELATIVE_PATH kelmsg_source_dir_from_build ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+string(REGEX REPLACE "/$" "" kelmsg_source_dir_from_build "${kelmsg_source_dir_from_build}")
+if(kelmsg_source_dir_from_build)
+  add_compile_options(-fmacro-prefix-map=${kelmsg_source_dir_from_build}/=)
+endif()

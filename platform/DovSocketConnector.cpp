@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "platform/DovSocketConnector";
 constexpr std::uint16_t kNoPort = 65535;
 
 sockaddr_in AnyInterface(std::uint16_t port) {

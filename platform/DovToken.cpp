@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "platform/DovToken";
-
 // Bytes of the UTF-8 character that starts with `lead`, at most `left`; a
 // stray byte is a character of its own.
 int CharacterLength(unsigned char lead, int left) {

@@ -4,10 +4,6 @@
 
 #include "KelMsgCheck.h"
 
-namespace {
-constexpr char kSourcePath[] = "tests/ProbeMessage";
-}  // namespace
-
 ProbeMessage::ProbeMessage(ProbeLog* log, const char* type, std::string payload)
     : KelMsgBBMessage(type), m_log(log), m_payload(std::move(payload)) {}
 

@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgBBCallbackManager";
 constexpr int kCountBytes = 4;
 
 static_assert(sizeof(std::int32_t) == kCountBytes);

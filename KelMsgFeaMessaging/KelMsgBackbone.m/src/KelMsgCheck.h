@@ -11,11 +11,12 @@
 //
 //   if (!KELMSG_PEER_CHECK(count >= 0)) return;
 //
-// Each source file defines `kSourcePath`, the path named in its reports.
+// Reports name the file of the check by its DOV_SOURCE_PATH.
 #ifndef KELMSGFEAMESSAGING_KELMSGCHECK_H_
 #define KELMSGFEAMESSAGING_KELMSGCHECK_H_
 
 #include <KelMsgFeaMessaging/DovFatalError.h>
+#include <KelMsgFeaMessaging/DovSourcePath.h>
 
 // Reports and marks the received message refused; always returns false.
 bool KelMsgPeerCheckFailed(const char* text, const char* path, int line);
@@ -26,13 +27,13 @@ bool KelMsgPeerCheckFailed(const char* text, const char* path, int line);
 void KelMsgClearRefusal() noexcept;
 bool KelMsgWasRefused() noexcept;
 
-#define KELMSG_ASSERT(cond)                                               \
-  do {                                                                    \
-    if (!(cond))                                                          \
-      DovContractFailed("AssertionFailed:" #cond, kSourcePath, __LINE__); \
+#define KELMSG_ASSERT(cond)                                                   \
+  do {                                                                        \
+    if (!(cond))                                                              \
+      DovContractFailed("AssertionFailed:" #cond, DOV_SOURCE_PATH, __LINE__); \
   } while (0)
 
 #define KELMSG_PEER_CHECK(cond) \
-  ((cond) || KelMsgPeerCheckFailed("AssertionFailed:" #cond, kSourcePath, __LINE__))
+  ((cond) || KelMsgPeerCheckFailed("AssertionFailed:" #cond, DOV_SOURCE_PATH, __LINE__))
 
 #endif  // KELMSGFEAMESSAGING_KELMSGCHECK_H_

@@ -10,7 +10,6 @@ static_assert(std::endian::native == std::endian::little,
               "payload integers are little-endian and are copied in host order");
 
 namespace {
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgPayloadReader";
 constexpr int kInt32Size = 4;
 }  // namespace
 

@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgHandlers.m/src/KelMsgFileTransferHandler";
-
 // Send and Receive take the record's eight names in the same order.
 using NamedOperation = int (KelMsgFileTransfer::*)(const char*, const char*, const char*,
                                                    const char*, const char*, const char*,

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgAnalysisMessageType";
-
 struct MemFree {
   void operator()(char* bytes) const noexcept { mem_Free(bytes); }
 };

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgFileTransferType";
-
 // The eight names in record order, which is also their order on the wire.
 constexpr std::array<KelString KelMsgFileTransferData::*, 8> kNames = {
     &KelMsgFileTransferData::m_sourceApplication, &KelMsgFileTransferData::m_sourceBaseDir,

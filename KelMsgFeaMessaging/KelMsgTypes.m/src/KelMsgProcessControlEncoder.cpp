@@ -7,10 +7,6 @@
 
 #include "KelMsgCheck.h"
 
-namespace {
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgProcessControlEncoder";
-}  // namespace
-
 KelString KelMsgProcessControlEncoder::CreateKillXmlMessage(const KelString& killValue) {
   KelString xml("<?xml version=\"1.0\" encoding=\"utf-8\"?><Kill type=\"symconst\">");
   xml.Append(killValue);

@@ -6,10 +6,6 @@
 #include "KelMsgCheck.h"
 #include "KelMsgPayloadReader.h"
 
-namespace {
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgProcessControlType";
-}  // namespace
-
 KelMsgProcessControlType::KelMsgProcessControlType()
     : KelMsgBBMessage(KelString("KelMsgProcessControlType")) {}
 

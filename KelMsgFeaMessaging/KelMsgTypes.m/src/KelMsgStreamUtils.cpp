@@ -7,10 +7,6 @@
 #include "KelMsgPayloadReader.h"
 #include "KelMsgPayloadWriter.h"
 
-namespace {
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgStreamUtils";
-}  // namespace
-
 void KelMsgStreamUtils::StreamKelString(const KelString& text, char* buffer, int& offset) {
   KelMsgPayloadWriter payload(buffer, offset);
   payload.WriteCountedString(text);

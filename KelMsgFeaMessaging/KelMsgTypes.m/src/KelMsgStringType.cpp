@@ -8,10 +8,6 @@
 #include "KelMsgCheck.h"
 #include "KelMsgPayloadReader.h"
 
-namespace {
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgTypes.m/src/KelMsgStringType";
-}  // namespace
-
 KelMsgStringType::KelMsgStringType() : KelMsgBBMessage(KelString("KelMsgStringType")) {}
 
 KelMsgStringType::~KelMsgStringType() {

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr char kSourcePath[] = "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer";
-
 constexpr int kSenderFlags = O_RDONLY;
 constexpr int kReceiverFlags = O_RDWR | O_CREAT | O_TRUNC;
 constexpr int kFileMode = 0640;
