@@ -12,6 +12,8 @@
 #include <KelMsgFeaMessaging/mem_Operators.h>
 
 #include "KelMsgCheck.h"
+#include "KelMsgPayloadReader.h"
+#include "KelMsgPayloadWriter.h"
 
 namespace {
 
@@ -101,12 +103,10 @@ int KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage() {
 void KelMsgBBCallbackManager::StreamPendingMessage(void* buffer, int size) {
   const int n = m_messageID.GetLengthInByte();
   KELMSG_ASSERT(size >= kCountBytes + n);
-  auto* bytes = static_cast<char*>(buffer);
-  const std::int32_t count = n;
-  std::memcpy(bytes, &count, kCountBytes);
-  std::memcpy(bytes + kCountBytes, m_messageID.GetUTF8(), static_cast<std::size_t>(n));
+  KelMsgPayloadWriter envelope(buffer, 0);
+  envelope.WriteCountedString(m_messageID);
   KELMSG_ASSERT(m_messageToSend != 0);
-  m_messageToSend->Stream(bytes + kCountBytes + n, size - (kCountBytes + n));
+  m_messageToSend->Stream(static_cast<char*>(buffer) + envelope.Offset(), size - envelope.Offset());
 }
 
 void KelMsgBBCallbackManager::HandleMessage(const char* typeName, const void* buffer, int size) {
@@ -121,22 +121,24 @@ void KelMsgBBCallbackManager::HandleMessage(const char* typeName, const void* bu
   KELMSG_ASSERT(proto != NULL);
 
   // The envelope comes from another process: take nothing from it that lies
-  // outside the buffer.
+  // outside the buffer.  Its identifier is checked here, before the reader
+  // would, so that a damaged envelope is reported as the envelope's.
   if (!KELMSG_PEER_CHECK(size >= 4))
     return;
-  const auto* bytes = static_cast<const char*>(buffer);
-  std::int32_t n = 0;
-  std::memcpy(&n, bytes, kCountBytes);
+  KelMsgPayloadReader envelope(buffer, size);
+  const std::int32_t n = envelope.ReadInt32();
   if (!KELMSG_PEER_CHECK(n >= 0 && n <= size - 4))
     return;
 
   const ReceivedMessage clone(proto->Clone());
-  const IdentifierBytes id = CopyIdentifier(bytes + kCountBytes, n);
+  const IdentifierBytes id = CopyIdentifier(envelope.ReadBytes(n), n);
   KelMsgBBMessage* msg = clone.get();
   KELMSG_ASSERT(msg != NULL);
 
+  const int payloadSize = size - envelope.Offset();
+  const char* payload = envelope.ReadBytes(payloadSize);
   KelMsgClearRefusal();
-  msg->Unstream(bytes + kCountBytes + n, size - (kCountBytes + n));
+  msg->Unstream(payload, payloadSize);
   if (KelMsgWasRefused())
     return;
 
