@@ -45,13 +45,12 @@ class KelMsgAnalysisMessageType : public KelMsgBBMessage {
   // Precondition (the process ends otherwise): the document is not empty.
   int RequiredBufferSize() const override;
   // Writes the count and the document's bytes at `buffer`.
-  // Precondition (the process ends otherwise): size >= RequiredBufferSize().
   void Stream(void* buffer, int size) const override;
   // Takes the document from a payload.  A count of 0 gives an empty document;
   // the text ends at the first NUL byte.  A count that is negative or does
   // not match the payload's size is refused.  The document is not parsed.
   void Unstream(const void* buffer, int size) override;
-  // A new message carrying the same document; the caller owns it.
+  // A message carrying the same document.
   KelMsgBBMessage* Clone() const override;
   // Writes "Analysis Message Prefix%s\n" with the prefix ("DefaultPfix" when
   // it is null), then the document and a newline; then flushes the stream.

@@ -9,7 +9,12 @@
 //   offset 4 + n  the payload, exactly as Stream writes it
 //
 // Integers are 32-bit little-endian.  Heap objects of every message class are
-// made with mem_OperatorNewThrow and released with mem_Free.
+// made with mem_OperatorNewThrow and released with mem_Free.  A message is
+// used by one thread at a time; the library touches it only on the thread
+// that calls the bus.
+//
+// The contracts below hold for every message class; a class's own header adds
+// only what is particular to it.
 #ifndef KELMSGFEAMESSAGING_KELMSGBBMESSAGE_H_
 #define KELMSGFEAMESSAGING_KELMSGBBMESSAGE_H_
 
@@ -33,7 +38,8 @@ class KelMsgBBMessage {
   // only; the envelope is the registry's).
   virtual int RequiredBufferSize() const = 0;
   // Writes the payload at `buffer`, which has room for `size` bytes.
-  // Precondition: size >= RequiredBufferSize().
+  // Precondition: size >= RequiredBufferSize(); the library's message classes
+  // end the process when it is broken.
   virtual void Stream(void* buffer, int size) const = 0;
   // Rebuilds the contents from a payload of exactly `size` bytes that another
   // process sent.  The bytes belong to the caller and live only during the

@@ -1,4 +1,10 @@
 // KelMsgBBMessageHandler: the abstract base of every message handler.
+//
+// KelMsgBBCallbackManager::AdoptPrototypeAndHandler hands a handler to the
+// registry, which deletes it.  Handler objects are made with
+// mem_OperatorNewThrow and released with mem_Free.  The contract of
+// HandleMessage below holds for every handler; a handler's own header adds
+// only what is particular to it.
 #ifndef KELMSGFEAMESSAGING_KELMSGBBMESSAGEHANDLER_H_
 #define KELMSGFEAMESSAGING_KELMSGBBMESSAGEHANDLER_H_
 

@@ -39,17 +39,15 @@ class KelMsgFileTransferType : public KelMsgBBMessage {
   // 44 + the byte counts of the eight names + m_chunkSize.
   int RequiredBufferSize() const override;
   // Writes the payload at `buffer`.
-  // Preconditions (the process ends otherwise): m_chunkSize >= 0;
-  // m_chunkData is not null unless m_chunkSize is 0; and
-  // size >= RequiredBufferSize().
+  // Preconditions (the process ends otherwise): m_chunkSize >= 0, and
+  // m_chunkData is not null unless m_chunkSize is 0.
   void Stream(void* buffer, int size) const override;
   // Fills the record from a payload.  Chunk bytes, when m_chunkSize is 1 or
   // more, are copied into an allocation the message owns; bytes it owned
   // before are freed.  A payload whose counts are negative, run past its end
   // or leave bytes over is refused and leaves the record unchanged.
   void Unstream(const void* buffer, int size) override;
-  // A new message with the default record (nothing is copied); the caller
-  // owns it.
+  // A message with the default record: nothing is copied.
   KelMsgBBMessage* Clone() const override;
   // Writes the type line and "%s   DataType: %d\n"; does not flush.
   void Print(FILE* stream, const char* prefix) const override;

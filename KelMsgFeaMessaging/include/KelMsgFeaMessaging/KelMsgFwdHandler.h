@@ -1,7 +1,7 @@
 // KelMsgFwdHandler: relays every message it is handed to one application.
 //
 // The message received is sent on as it is, through KelMsgBBAPI::SendRequest
-// on the handler's communicator, from inside the bus's receive callback.
+// on the handler's communicator.
 // The relayed envelope carries this process's own message identifier (the
 // one set with KelMsgBBCallbackManager::SetMessageID), not the identifier
 // the message arrived with.  Whatever the send returns is ignored.
@@ -9,7 +9,6 @@
 // With the echo switched on, each relayed message is also printed (Print
 // with a null prefix, no trace line, no flush) to the echo stream, which
 // stays the caller's: it is never closed and must outlive the handler's use.
-// Adopted into the registry, the handler is deleted by it.
 #ifndef KELMSGFEAMESSAGING_KELMSGFWDHANDLER_H_
 #define KELMSGFEAMESSAGING_KELMSGFWDHANDLER_H_
 

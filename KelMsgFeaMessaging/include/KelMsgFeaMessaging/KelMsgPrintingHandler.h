@@ -6,7 +6,7 @@
 // null prefix), which is not flushed.  A null stream silences the handler.
 //
 // The stream stays the caller's: it is never closed and must outlive the
-// handler's use.  Adopted into the registry, the handler is deleted by it.
+// handler's use.
 #ifndef KELMSGFEAMESSAGING_KELMSGPRINTINGHANDLER_H_
 #define KELMSGFEAMESSAGING_KELMSGPRINTINGHANDLER_H_
 

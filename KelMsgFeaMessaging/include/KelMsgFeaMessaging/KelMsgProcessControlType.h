@@ -12,11 +12,9 @@
 //   <?xml version="1.0" encoding="utf-8"?><Kill type="symconst">SOFT_KILL</Kill>
 // on one line (76 bytes), with HARD_KILL for a hard kill.
 //
-// Receiving: Unstream takes the text and at once internalizes it.  A document
-// that the encoder refuses is reported and the message is refused, so the
-// registry hands it to no handler.  Register a default-constructed message as
-// the prototype: a clone copies the map, and internalizing keeps an existing
-// "Kill" entry.
+// Receiving: Unstream takes the text and at once internalizes it.  Register a
+// default-constructed message as the prototype: a clone copies the map, and
+// internalizing keeps an existing "Kill" entry.
 #ifndef KELMSGFEAMESSAGING_KELMSGPROCESSCONTROLTYPE_H_
 #define KELMSGFEAMESSAGING_KELMSGPROCESSCONTROLTYPE_H_
 
@@ -46,13 +44,12 @@ class KelMsgProcessControlType : public KelMsgBBMessage {
   // the message was externalized or received.
   int RequiredBufferSize() const override;
   // Writes the count and the XML's bytes at `buffer`.
-  // Precondition (the process ends otherwise): size >= RequiredBufferSize().
   void Stream(void* buffer, int size) const override;
   // Takes the XML from a payload and internalizes it.  A count below 1, or
   // one that does not match the payload's size, is refused, as is a document
   // the encoder refuses.
   void Unstream(const void* buffer, int size) override;
-  // A full copy: XML, map and control type; the caller owns it.
+  // A full copy: XML, map and control type.
   KelMsgBBMessage* Clone() const override;
   // Writes the type line, then "%s   Content: %s\n" with the prefix and the
   // XML; then flushes the stream.

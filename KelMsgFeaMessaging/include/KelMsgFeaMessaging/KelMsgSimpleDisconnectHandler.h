@@ -20,8 +20,7 @@
 // Use: construct; SetWatchApplication; optionally SetDisconnectBehavior;
 // install with KelMsgBBCallbackManager::AssociateDisconnectHandler and switch
 // reports on with KelMsgBBAPI::EnableDisconnectHandling; wait in the bus's
-// loop.  The registry only borrows the handler: keep it alive while it is
-// installed.  Every call runs on the thread that runs the bus.
+// loop.  Set it up on the thread that runs the bus: nothing here is locked.
 #ifndef KELMSGFEAMESSAGING_KELMSGSIMPLEDISCONNECTHANDLER_H_
 #define KELMSGFEAMESSAGING_KELMSGSIMPLEDISCONNECTHANDLER_H_
 

@@ -41,13 +41,11 @@ class KelMsgStringType : public KelMsgBBMessage {
   // The number of bytes held.
   int RequiredBufferSize() const override;
   // Copies the bytes to the start of `buffer`.
-  // Precondition (the process ends otherwise): size >= RequiredBufferSize().
   void Stream(void* buffer, int size) const override;
   // Copies the whole payload into bytes the message owns, after freeing any
   // it owned before.  A negative size is refused.
   void Unstream(const void* buffer, int size) override;
-  // A new empty message of this type (the bytes are not copied); the caller
-  // owns it.
+  // An empty message of this type: the bytes are not copied.
   KelMsgBBMessage* Clone() const override;
   // Writes the type line, "%s   size: %d\n", then, when there are bytes,
   // "%s   data[0]: %c\n" and "%s   data[%d]: %c\n" with the first and the
