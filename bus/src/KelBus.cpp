@@ -20,11 +20,11 @@ namespace {
 
 constexpr unsigned char kNoBytes[1] = {};
 
-int NoCommunicator(int id) {
+KelBusResult NoCommunicator(int id) {
   return Fail(KELBUS_ERR_BAD_ID, "no open communicator " + std::to_string(id));
 }
 
-void ReportUnusableBus(int result, const BusAddress& address) {
+void ReportUnusableBus(KelBusResult result, const BusAddress& address) {
   if (result == KELBUS_ERR_UNREACHABLE) {
     std::fprintf(stderr,
                  "KelBus: no MQTT broker answers at %s (%s); start one with 'mosquitto -c %s' "
@@ -56,7 +56,7 @@ void Dispatch(BusState& bus, const Delivery& delivery) {
 
 // Dispatches the deliveries of `id` (or of every communicator) until
 // `*watched` changes.
-int RunWaitingLoop(int id, int timeout, int* watched) {
+KelBusResult RunWaitingLoop(int id, int timeout, int* watched) {
   using Clock = DispatchQueue::Clock;
   if (watched == nullptr)
     return Fail(KELBUS_ERR_INVALID, "null watched value");
@@ -71,7 +71,7 @@ int RunWaitingLoop(int id, int timeout, int* watched) {
       const std::shared_ptr<Communicator> communicator = bus.Find(id);
       if (!communicator)
         return NoCommunicator(id);
-      lost = communicator->Health() == KELBUS_ERR_NAME_LOST;
+      lost = communicator->NameLost();
     } else if (!bus.HasCommunicators()) {
       return Fail(KELBUS_ERR_BAD_ID, "this process has no open communicator");
     }
@@ -115,9 +115,9 @@ int RegisterCommunicator(const char* name, int* communicatorId) {
   }
   BusState& bus = BusState::Current();
   const int id = bus.NewId();
-  int result = KELBUS_OK;
+  KelBusResult result = KELBUS_OK;
   auto transport = kelbus::OpenTransport(*address, name != nullptr ? name : "",
-                                         kelbus::Inbox(bus.Queue(), id), bus.Hub(), &result);
+                                         kelbus::Inbox(bus.Queue(), id), &result);
   if (!transport) {
     kelbus::ReportUnusableBus(result, *address);
     return result;

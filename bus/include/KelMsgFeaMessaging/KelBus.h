@@ -100,7 +100,8 @@ extern "C" {
 enum KelBusResult {
   KELBUS_OK = 0,
   // An argument is null or out of range, or a callback gave an unusable
-  // answer (negative size, null type or a type name that is not UTF-8).
+  // answer (negative size, null type, or a type name that is not UTF-8 or
+  // holds control characters, which MQTT does not carry).
   KELBUS_ERR_INVALID = -1,
   // No open communicator has this identifier (never opened, closed, or
   // inherited from the parent of a forked process).  BBSysLoopWait: the
