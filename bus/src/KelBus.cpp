@@ -3,7 +3,6 @@
 #include <KelMsgFeaMessaging/KelBus.h>
 
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <variant>
@@ -11,6 +10,7 @@
 #include "BusAddress.h"
 #include "BusState.h"
 #include "Communicator.h"
+#include "Diagnostics.h"
 #include "DispatchQueue.h"
 #include "LastError.h"
 #include "Transport.h"
@@ -26,13 +26,11 @@ KelBusResult NoCommunicator(int id) {
 
 void ReportUnusableBus(KelBusResult result, const BusAddress& address) {
   if (result == KELBUS_ERR_UNREACHABLE) {
-    std::fprintf(stderr,
-                 "KelBus: no MQTT broker answers at %s (%s); start one with 'mosquitto -c %s' "
-                 "or set KELBUS_URL to one that runs\n",
-                 address.Describe().c_str(), LastErrorText(), KELBUS_BROKER_CONFIG);
+    Diagnose("KelBus: no MQTT broker answers at " + address.Describe() + " (" + LastErrorText() +
+             "); start one with 'mosquitto -c " KELBUS_BROKER_CONFIG
+             "' or set KELBUS_URL to one that runs");
   } else {
-    std::fprintf(stderr, "KelBus: cannot join the bus at %s: %s\n", address.Describe().c_str(),
-                 LastErrorText());
+    Diagnose("KelBus: cannot join the bus at " + address.Describe() + ": " + LastErrorText());
   }
 }
 
@@ -107,10 +105,9 @@ int RegisterCommunicator(const char* name, int* communicatorId) {
   std::string why;
   const auto address = kelbus::ParseBusUrl(url, &why);
   if (!address) {
-    std::fprintf(stderr,
-                 "KelBus: KELBUS_URL '%s' is malformed (%s); expected "
-                 "mqtt://[user[:password]@]host[:port][/namespace] or local:\n",
-                 kelbus::WithoutCredentials(url).c_str(), why.c_str());
+    kelbus::Diagnose("KelBus: KELBUS_URL '" + kelbus::WithoutCredentials(url) + "' is malformed (" +
+                     why +
+                     "); expected mqtt://[user[:password]@]host[:port][/namespace] or local:");
     return Fail(KELBUS_ERR_URL, "KELBUS_URL is malformed: " + why);
   }
   BusState& bus = BusState::Current();

@@ -8,9 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
+#include "Diagnostics.h"
 #include "LastError.h"
 
 namespace kelbus {
@@ -294,8 +294,8 @@ bool MqttLink::ConnectionBroke(int loopResult) {
     SetStateLocked(restore ? State::kDown : State::kFailed);
   }
   if (wasUp) {
-    std::fprintf(stderr, "KelBus: lost the connection to %s (%s); restoring it\n",
-                 m_address.Describe().c_str(), why.c_str());
+    Diagnose("KelBus: lost the connection to " + m_address.Describe() + " (" + why +
+             "); restoring it");
   }
   m_listener.OnStateChanged();
   return restore;
@@ -348,8 +348,7 @@ void MqttLink::Connected(int reason) {
     SetStateLocked(State::kUp);
   }
   if (restored) {
-    std::fprintf(stderr, "KelBus: the connection to %s is restored\n",
-                 m_address.Describe().c_str());
+    Diagnose("KelBus: the connection to " + m_address.Describe() + " is restored");
   }
   m_listener.OnStateChanged();
 }
@@ -376,8 +375,8 @@ void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,
                              const mosquitto_property*) {
   MqttLink& link = Self(self);
   if (reason >= MQTT_RC_UNSPECIFIED) {
-    std::fprintf(stderr, "KelBus: the broker at %s refused a message: %s\n",
-                 link.m_address.Describe().c_str(), mosquitto_reason_string(reason));
+    Diagnose("KelBus: the broker at " + link.m_address.Describe() +
+             " refused a message: " + mosquitto_reason_string(reason));
   }
   std::lock_guard lock(link.m_mutex);
   link.m_window.Acknowledge(mid);

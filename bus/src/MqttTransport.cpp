@@ -12,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -21,6 +20,7 @@
 #include <utility>
 
 #include "BusTopics.h"
+#include "Diagnostics.h"
 #include "LastError.h"
 #include "MqttLink.h"
 #include "PresenceReader.h"
@@ -180,9 +180,8 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
     return MqttLink::Verdict::kRetryLater;
   if (!reading.record || reading.record->claim == claim)
     return MqttLink::Verdict::kReconnect;
-  std::fprintf(stderr,
-               "KelBus: application '%s' was taken over by %s; this process gives the name up\n",
-               app.c_str(), Holder(*reading.record).c_str());
+  Diagnose("KelBus: application '" + app + "' was taken over by " + Holder(*reading.record) +
+           "; this process gives the name up");
   return MqttLink::Verdict::kGiveUp;
 }
 
