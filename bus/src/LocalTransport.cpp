@@ -56,7 +56,10 @@ class LocalTransport final : public Transport {
     return m_hub.Claim(*this, app, takeOver);
   }
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
-                    int size) override;
+                    int size) override {
+    m_hub.Deliver(target, type, bytes, size);
+    return KELBUS_OK;
+  }
   KelBusResult WatchDepartures(bool on) override {
     m_hub.Watch(*this, on);
     return KELBUS_OK;
@@ -146,14 +149,6 @@ void LocalHub::ReportDeparture(const LocalTransport& member) {
     if (watcher != &member)
       watcher->m_inbox.Departed({self.pid, self.app, self.host, self.user});
   }
-}
-
-KelBusResult LocalTransport::Send(std::string_view target, const char* type, const void* bytes,
-                                  int size) {
-  if (m_lost)
-    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
-  m_hub.Deliver(target, type, bytes, size);
-  return KELBUS_OK;
 }
 
 void LocalTransport::Close() {

@@ -164,6 +164,15 @@ KelBusResult MqttLink::Settle(Clock::time_point deadline) {
   return KELBUS_OK;
 }
 
+KelBusResult MqttLink::Drain(Clock::time_point deadline) {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_state == State::kUp && !m_subscriptions.empty())
+      SubscribeLocked(m_subscriptions.front());
+  }
+  return Settle(deadline);
+}
+
 KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int size,
                                const mosquitto_property* properties) {
   const std::size_t cost = static_cast<std::size_t>(size) + topic.size() + kMessageOverhead;

@@ -92,6 +92,10 @@ class MqttLink {
   // Waits until the broker has acknowledged every subscription and message
   // so far.
   KelBusResult Settle(Clock::time_point deadline);
+  // As Settle, and waits as well until the link has read every message that
+  // the broker sent it so far: renews a subscription, whose acknowledgement
+  // comes after them.
+  KelBusResult Drain(Clock::time_point deadline);
   // Publishes at QoS 1, not retained, once the send window has room.
   KelBusResult Publish(const std::string& topic, const void* bytes, int size,
                        const mosquitto_property* properties);

@@ -88,6 +88,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // Serialises the operations that use the link (claim, send, watch, close).
   std::mutex m_operationMutex;
   bool m_claimed = false;
+  bool m_closed = false;
   std::string m_lastTarget, m_targetTopic;
   std::string m_lastType;
   bool m_typePrepared = false;
@@ -160,8 +161,10 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
     return result;
   }
   // What the first link still has in flight reaches the broker before the
-  // holder link sends anything.
-  m_link->Settle(deadline);
+  // holder link sends anything, and what the broker sent it before accepting
+  // the holder link (the departure of a holder taken over, above all) is
+  // read before it goes.
+  m_link->Drain(deadline);
   std::unique_ptr<MqttLink> retired;
   {
     std::lock_guard lock(m_linkMutex);
@@ -215,11 +218,7 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
     m_lastTarget.assign(target);
     m_topics.MessageTopic(target, &m_targetTopic);
   }
-  const KelBusResult result = m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
-  if (result == KELBUS_ERR_DISCONNECTED && NameLost()) {
-    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
-  }
-  return result;
+  return m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
 }
 
 KelBusResult MqttTransport::WatchDepartures(bool on) {
@@ -240,9 +239,12 @@ bool MqttTransport::NameLost() const {
 
 void MqttTransport::Close() {
   std::lock_guard operation(m_operationMutex);
-  if (!m_link)
+  if (m_closed || !m_link)
     return;
-  m_link->Settle(Clock::now() + kConnectLimit);
+  m_closed = true;
+  // While the connection is down nothing can reach the broker.
+  if (m_link->CurrentState() == MqttLink::State::kUp)
+    m_link->Settle(Clock::now() + kConnectLimit);
   m_link->Close(m_claimed);
 }
 

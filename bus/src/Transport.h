@@ -26,7 +26,9 @@ class Transport {
   // Becomes the holder of `app` (see DeclareApplicationId for `takeOver`).
   // Called at most once.
   virtual KelBusResult Claim(const std::string& app, bool takeOver) = 0;
-  // Hands `size` bytes labelled `type` to the network for `target`.
+  // Hands `size` bytes labelled `type` to the network for `target`.  The
+  // communicator sends nothing once NameLost(); a send that races the loss
+  // may still go.
   virtual KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                             int size) = 0;
   // Starts or stops the delivery of departure records to the inbox; records
