@@ -10,33 +10,21 @@ namespace {
 constexpr std::string_view kMqttScheme = "mqtt://";
 constexpr std::string_view kLocalUrl = "local:";
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
 // Undoes %XX escapes; fails on a broken one.
 std::optional<std::string> PercentDecode(std::string_view text) {
   std::string decoded;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      decoded += text[i];
-      continue;
-    }
-    if (i + 2 >= text.size())
+  for (std::size_t percent = text.find('%'); percent != std::string_view::npos;
+       percent = text.find('%')) {
+    decoded.append(text.substr(0, percent));
+    const std::string_view hex = text.substr(percent + 1, 2);
+    unsigned value = 0;
+    const auto [end, error] = std::from_chars(hex.data(), hex.data() + hex.size(), value, 16);
+    if (hex.size() != 2 || error != std::errc() || end != hex.data() + hex.size())
       return std::nullopt;
-    const int high = HexValue(text[i + 1]);
-    const int low = HexValue(text[i + 2]);
-    if (high < 0 || low < 0)
-      return std::nullopt;
-    decoded += static_cast<char>(high * 16 + low);
-    i += 2;
+    decoded += static_cast<char>(value);
+    text.remove_prefix(percent + 3);
   }
+  decoded.append(text);
   return decoded;
 }
 

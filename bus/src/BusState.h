@@ -1,6 +1,5 @@
 // Everything the bus keeps for one process: the open communicators, the
-// dispatch queue, the in-process hub, and the lock that lets only one
-// callback run at a time.
+// dispatch queue, and the lock that lets only one callback run at a time.
 //
 // A forked child starts with a fresh state: what it inherited belongs to
 // the parent's threads and is never touched again (only its sockets are
@@ -15,7 +14,6 @@
 
 #include "Communicator.h"
 #include "DispatchQueue.h"
-#include "LocalTransport.h"
 
 namespace kelbus {
 
@@ -25,7 +23,6 @@ class BusState {
   static BusState& Current();
 
   DispatchQueue& Queue() { return m_queue; }
-  LocalHub& Hub() { return m_hub; }
   std::recursive_mutex& CallbackMutex() { return m_callbackMutex; }
 
   int NewId();
@@ -44,7 +41,6 @@ class BusState {
   // Kept so that what a child inherited stays reachable; never used.
   [[maybe_unused]] BusState* const m_inherited;
   DispatchQueue m_queue;
-  LocalHub m_hub;
   std::recursive_mutex m_callbackMutex;
   mutable std::mutex m_tableMutex;
   std::map<int, std::shared_ptr<Communicator>> m_communicators;

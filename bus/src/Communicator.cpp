@@ -1,5 +1,7 @@
 #include "Communicator.h"
 
+#include <mosquitto.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -18,7 +20,7 @@ Communicator::~Communicator() {
   Close();
 }
 
-int Communicator::Declare(const char* app, int flag) {
+KelBusResult Communicator::Declare(const char* app, int flag) {
   if (app == nullptr || app[0] == '\0')
     return Fail(KELBUS_ERR_INVALID, "empty application name");
   if (std::strlen(app) > kLongestApplicationName) {
@@ -31,7 +33,7 @@ int Communicator::Declare(const char* app, int flag) {
     return Fail(KELBUS_ERR_ALREADY_DECLARED,
                 "communicator " + std::to_string(m_id) + " already declared its application");
   }
-  const int result = m_transport->Claim(app, flag == 1);
+  const KelBusResult result = m_transport->Claim(app, flag == 1);
   m_declared = result == KELBUS_OK;
   return result;
 }
@@ -44,12 +46,12 @@ unsigned char* Communicator::BufferOf(std::size_t size) {
   return m_buffer.get();
 }
 
-int Communicator::Send(const char* target, KelBusStreamCallback stream, KelBusSizeCallback size,
-                       KelBusTypeCallback type) {
+KelBusResult Communicator::Send(const char* target, KelBusStreamCallback stream,
+                                KelBusSizeCallback size, KelBusTypeCallback type) {
   if (target == nullptr || stream == nullptr || size == nullptr || type == nullptr) {
     return Fail(KELBUS_ERR_INVALID, "null target application or callback");
   }
-  if (Health() == KELBUS_ERR_NAME_LOST) {
+  if (NameLost()) {
     return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
   }
   std::lock_guard lock(m_sendMutex);
@@ -59,12 +61,18 @@ int Communicator::Send(const char* target, KelBusStreamCallback stream, KelBusSi
   const char* typeName = type();
   if (typeName == nullptr)
     return Fail(KELBUS_ERR_INVALID, "the type callback gave null");
+  // The type name travels as an MQTT string; the in-process bus takes the
+  // same names, so that a program behaves alike on both.
+  if (mosquitto_validate_utf8(typeName, static_cast<int>(std::strlen(typeName))) !=
+      MOSQ_ERR_SUCCESS) {
+    return Fail(KELBUS_ERR_INVALID, "the type name is not UTF-8 text that MQTT carries");
+  }
   unsigned char* buffer = BufferOf(static_cast<std::size_t>(byteCount));
   stream(buffer, byteCount);
   return m_transport->Send(target, typeName, buffer, byteCount);
 }
 
-int Communicator::SetDisconnectReceiver(KelBusDisconnectCallback receiver) {
+KelBusResult Communicator::SetDisconnectReceiver(KelBusDisconnectCallback receiver) {
   std::lock_guard lock(m_controlMutex);
   const bool watching = m_disconnectReceiver != nullptr;
   m_disconnectReceiver = receiver;

@@ -21,16 +21,16 @@ class Communicator {
   Communicator& operator=(const Communicator&) = delete;
 
   int Id() const { return m_id; }
-  int Declare(const char* app, int flag);
-  int Send(const char* target, KelBusStreamCallback stream, KelBusSizeCallback size,
-           KelBusTypeCallback type);
+  KelBusResult Declare(const char* app, int flag);
+  KelBusResult Send(const char* target, KelBusStreamCallback stream, KelBusSizeCallback size,
+                    KelBusTypeCallback type);
 
   void SetReceiver(KelBusReceiveCallback receiver) { m_receiver = receiver; }
   KelBusReceiveCallback Receiver() const { return m_receiver; }
-  int SetDisconnectReceiver(KelBusDisconnectCallback receiver);
+  KelBusResult SetDisconnectReceiver(KelBusDisconnectCallback receiver);
   KelBusDisconnectCallback DisconnectReceiver() const { return m_disconnectReceiver; }
 
-  int Health() const { return m_transport->Health(); }
+  bool NameLost() const { return m_transport->NameLost(); }
   void Close();
   void AbandonAfterFork() { m_transport->AbandonAfterFork(); }
 

@@ -3,7 +3,6 @@
 #include <KelMsgFeaMessaging/KelBus.h>
 
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <variant>
@@ -11,6 +10,7 @@
 #include "BusAddress.h"
 #include "BusState.h"
 #include "Communicator.h"
+#include "Diagnostics.h"
 #include "DispatchQueue.h"
 #include "LastError.h"
 #include "Transport.h"
@@ -20,19 +20,17 @@ namespace {
 
 constexpr unsigned char kNoBytes[1] = {};
 
-int NoCommunicator(int id) {
+KelBusResult NoCommunicator(int id) {
   return Fail(KELBUS_ERR_BAD_ID, "no open communicator " + std::to_string(id));
 }
 
-void ReportUnusableBus(int result, const BusAddress& address) {
+void ReportUnusableBus(KelBusResult result, const BusAddress& address) {
   if (result == KELBUS_ERR_UNREACHABLE) {
-    std::fprintf(stderr,
-                 "KelBus: no MQTT broker answers at %s (%s); start one with 'mosquitto -c %s' "
-                 "or set KELBUS_URL to one that runs\n",
-                 address.Describe().c_str(), LastErrorText(), KELBUS_BROKER_CONFIG);
+    Diagnose("KelBus: no MQTT broker answers at " + address.Describe() + " (" + LastErrorText() +
+             "); start one with 'mosquitto -c " KELBUS_BROKER_CONFIG
+             "' or set KELBUS_URL to one that runs");
   } else {
-    std::fprintf(stderr, "KelBus: cannot join the bus at %s: %s\n", address.Describe().c_str(),
-                 LastErrorText());
+    Diagnose("KelBus: cannot join the bus at " + address.Describe() + ": " + LastErrorText());
   }
 }
 
@@ -56,7 +54,7 @@ void Dispatch(BusState& bus, const Delivery& delivery) {
 
 // Dispatches the deliveries of `id` (or of every communicator) until
 // `*watched` changes.
-int RunWaitingLoop(int id, int timeout, int* watched) {
+KelBusResult RunWaitingLoop(int id, int timeout, int* watched) {
   using Clock = DispatchQueue::Clock;
   if (watched == nullptr)
     return Fail(KELBUS_ERR_INVALID, "null watched value");
@@ -71,7 +69,7 @@ int RunWaitingLoop(int id, int timeout, int* watched) {
       const std::shared_ptr<Communicator> communicator = bus.Find(id);
       if (!communicator)
         return NoCommunicator(id);
-      lost = communicator->Health() == KELBUS_ERR_NAME_LOST;
+      lost = communicator->NameLost();
     } else if (!bus.HasCommunicators()) {
       return Fail(KELBUS_ERR_BAD_ID, "this process has no open communicator");
     }
@@ -107,17 +105,16 @@ int RegisterCommunicator(const char* name, int* communicatorId) {
   std::string why;
   const auto address = kelbus::ParseBusUrl(url, &why);
   if (!address) {
-    std::fprintf(stderr,
-                 "KelBus: KELBUS_URL '%s' is malformed (%s); expected "
-                 "mqtt://[user[:password]@]host[:port][/namespace] or local:\n",
-                 kelbus::WithoutCredentials(url).c_str(), why.c_str());
+    kelbus::Diagnose("KelBus: KELBUS_URL '" + kelbus::WithoutCredentials(url) + "' is malformed (" +
+                     why +
+                     "); expected mqtt://[user[:password]@]host[:port][/namespace] or local:");
     return Fail(KELBUS_ERR_URL, "KELBUS_URL is malformed: " + why);
   }
   BusState& bus = BusState::Current();
   const int id = bus.NewId();
-  int result = KELBUS_OK;
+  KelBusResult result = KELBUS_OK;
   auto transport = kelbus::OpenTransport(*address, name != nullptr ? name : "",
-                                         kelbus::Inbox(bus.Queue(), id), bus.Hub(), &result);
+                                         kelbus::Inbox(bus.Queue(), id), &result);
   if (!transport) {
     kelbus::ReportUnusableBus(result, *address);
     return result;

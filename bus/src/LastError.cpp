@@ -7,7 +7,7 @@ namespace {
 thread_local std::string t_lastError;
 }  // namespace
 
-int Fail(int result, std::string text) {
+KelBusResult Fail(KelBusResult result, std::string text) {
   t_lastError = std::move(text);
   return result;
 }

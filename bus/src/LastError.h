@@ -2,12 +2,14 @@
 #ifndef KELBUS_SRC_LASTERROR_H_
 #define KELBUS_SRC_LASTERROR_H_
 
+#include <KelMsgFeaMessaging/KelBus.h>
+
 #include <string>
 
 namespace kelbus {
 
 // Records `text` as the calling thread's last error; returns `result`.
-int Fail(int result, std::string text);
+KelBusResult Fail(KelBusResult result, std::string text);
 void ClearLastError();
 const char* LastErrorText();
 

@@ -1,12 +1,103 @@
-#include "LocalTransport.h"
+// The in-process bus (KELBUS_URL=local:): communicators of one process reach
+// each other through the process's hub, without broker and without network
+// thread.
+#include <pthread.h>
 
-#include <KelMsgFeaMessaging/KelBus.h>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
 
 #include "LastError.h"
+#include "ProcessRecord.h"
+#include "Transport.h"
 
 namespace kelbus {
+namespace {
 
-int LocalHub::Claim(LocalTransport& claimant, const std::string& app, bool takeOver) {
+class LocalTransport;
+
+// Who holds which application and who watches departures, for one process.
+class LocalHub {
+ public:
+  // The hub of the calling process.  A forked child starts with a fresh one:
+  // the inherited hub lists the parent's communicators, and a thread the
+  // child does not have may hold its lock.
+  static LocalHub& Current();
+
+  KelBusResult Claim(LocalTransport& claimant, const std::string& app, bool takeOver);
+  // Copies the message into the holder's inbox; drops it when nobody holds
+  // `target`.
+  void Deliver(std::string_view target, const char* type, const void* bytes, int size);
+  void Watch(LocalTransport& watcher, bool on);
+  // `member` leaves: gives its application up and reports its departure.
+  void Leave(LocalTransport& member);
+
+ private:
+  explicit LocalHub(LocalHub* inherited) : m_inherited(inherited) {}
+  static std::atomic<LocalHub*>& Slot();
+  static void ReplaceInChild();
+  void ReportDeparture(const LocalTransport& member);
+
+  // Kept so that what a child inherited stays reachable; never used.
+  [[maybe_unused]] LocalHub* const m_inherited;
+  std::mutex m_mutex;
+  std::map<std::string, LocalTransport*, std::less<>> m_holders;
+  std::set<LocalTransport*> m_watchers;
+};
+
+class LocalTransport final : public Transport {
+ public:
+  explicit LocalTransport(const Inbox& inbox)
+      : m_hub(LocalHub::Current()), m_inbox(inbox), m_self(ThisProcess()) {}
+  ~LocalTransport() override { Close(); }
+
+  KelBusResult Claim(const std::string& app, bool takeOver) override {
+    return m_hub.Claim(*this, app, takeOver);
+  }
+  KelBusResult Send(std::string_view target, const char* type, const void* bytes,
+                    int size) override {
+    m_hub.Deliver(target, type, bytes, size);
+    return KELBUS_OK;
+  }
+  KelBusResult WatchDepartures(bool on) override {
+    m_hub.Watch(*this, on);
+    return KELBUS_OK;
+  }
+  bool NameLost() const override { return m_lost; }
+  void Close() override;
+  void AbandonAfterFork() override {}
+
+ private:
+  friend class LocalHub;
+
+  LocalHub& m_hub;
+  Inbox m_inbox;
+  ProcessRecord m_self;  // the hub's mutex guards m_self.app
+  std::atomic<bool> m_lost{false};
+  bool m_closed = false;
+};
+
+// The hub is never destroyed: communicators still open at exit leave it
+// while static objects are being destroyed.
+std::atomic<LocalHub*>& LocalHub::Slot() {
+  static std::atomic<LocalHub*> current = [] {
+    pthread_atfork(nullptr, nullptr, &LocalHub::ReplaceInChild);
+    return new LocalHub(nullptr);
+  }();
+  return current;
+}
+
+void LocalHub::ReplaceInChild() {
+  std::atomic<LocalHub*>& slot = Slot();
+  slot = new LocalHub(slot.load());
+}
+
+LocalHub& LocalHub::Current() {
+  return *Slot().load();
+}
+
+KelBusResult LocalHub::Claim(LocalTransport& claimant, const std::string& app, bool takeOver) {
   std::lock_guard lock(m_mutex);
   const auto held = m_holders.find(app);
   if (held != m_holders.end()) {
@@ -60,38 +151,17 @@ void LocalHub::ReportDeparture(const LocalTransport& member) {
   }
 }
 
-LocalTransport::LocalTransport(LocalHub& hub, const Inbox& inbox)
-    : m_hub(hub), m_inbox(inbox), m_self(ThisProcess()) {}
-
-LocalTransport::~LocalTransport() {
-  Close();
-}
-
-int LocalTransport::Claim(const std::string& app, bool takeOver) {
-  return m_hub.Claim(*this, app, takeOver);
-}
-
-int LocalTransport::Send(std::string_view target, const char* type, const void* bytes, int size) {
-  if (m_lost)
-    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
-  m_hub.Deliver(target, type, bytes, size);
-  return KELBUS_OK;
-}
-
-int LocalTransport::WatchDepartures(bool on) {
-  m_hub.Watch(*this, on);
-  return KELBUS_OK;
-}
-
-int LocalTransport::Health() const {
-  return m_lost ? KELBUS_ERR_NAME_LOST : KELBUS_OK;
-}
-
 void LocalTransport::Close() {
   if (m_closed)
     return;
   m_closed = true;
   m_hub.Leave(*this);
+}
+
+}  // namespace
+
+std::unique_ptr<Transport> OpenLocalTransport(const Inbox& inbox) {
+  return std::make_unique<LocalTransport>(inbox);
 }
 
 }  // namespace kelbus

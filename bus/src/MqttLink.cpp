@@ -8,9 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
+#include "Diagnostics.h"
 #include "LastError.h"
 
 namespace kelbus {
@@ -41,6 +41,20 @@ MqttLink& Self(void* self) {
 }
 
 }  // namespace
+
+KelBusResult FailFromMosquitto(int mosquittoResult, KelBusResult otherwise,
+                               const std::string& doing) {
+  const std::string why = Describe(mosquittoResult, errno);
+  switch (mosquittoResult) {
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+      return Fail(KELBUS_ERR_TOO_LARGE, doing + ": larger than the broker accepts");
+    case MOSQ_ERR_MALFORMED_UTF8:
+      return Fail(KELBUS_ERR_INVALID, doing + ": text that is not UTF-8");
+    default:
+      return Fail(otherwise, doing + ": " + why);
+  }
+}
 
 MqttLink::MqttLink(const BusAddress& address, std::string clientId, Listener& listener)
     : m_address(address),
@@ -84,7 +98,7 @@ void MqttLink::Unsubscribe(const std::string& filter) {
   }
 }
 
-int MqttLink::Configure() {
+KelBusResult MqttLink::Configure() {
   if (m_wakeup.Descriptor() < 0)
     return Fail(KELBUS_ERR_TRANSPORT,
                 std::string("cannot create an eventfd: ") + std::strerror(errno));
@@ -106,23 +120,22 @@ int MqttLink::Configure() {
     const int result =
         mosquitto_will_set_v5(m_mosq, m_willTopic.c_str(), static_cast<int>(m_willPayload.size()),
                               m_willPayload.data(), kQos, true, nullptr);
-    if (result != MOSQ_ERR_SUCCESS) {
-      return Fail(KELBUS_ERR_TRANSPORT,
-                  std::string("cannot set the departure record: ") + mosquitto_strerror(result));
-    }
+    if (result != MOSQ_ERR_SUCCESS)
+      return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT, "cannot set the departure record");
   }
   return KELBUS_OK;
 }
 
-int MqttLink::Open(Clock::time_point deadline) {
-  if (const int result = Configure(); result != KELBUS_OK)
+KelBusResult MqttLink::Open(Clock::time_point deadline) {
+  if (const KelBusResult result = Configure(); result != KELBUS_OK)
     return result;
   const int started = mosquitto_connect_bind_async(m_mosq, m_address.host.c_str(), m_address.port,
                                                    KELBUS_KEEPALIVE_SECONDS, nullptr);
   if (started != MOSQ_ERR_SUCCESS) {
-    const std::string why = Describe(started, errno);
+    const KelBusResult result =
+        FailFromMosquitto(started, KELBUS_ERR_UNREACHABLE, "cannot connect");
     Close(false);
-    return Fail(KELBUS_ERR_UNREACHABLE, why);
+    return result;
   }
   m_thread = std::thread(&MqttLink::Run, this);
   std::unique_lock lock(m_mutex);
@@ -130,13 +143,13 @@ int MqttLink::Open(Clock::time_point deadline) {
   if (m_state == State::kUp)
     return KELBUS_OK;
   const std::string why = m_state == State::kConnecting ? "no answer" : m_failure;
-  const int result = m_refused ? KELBUS_ERR_REFUSED : KELBUS_ERR_UNREACHABLE;
+  const KelBusResult result = m_refused ? KELBUS_ERR_REFUSED : KELBUS_ERR_UNREACHABLE;
   lock.unlock();
   Close(false);
   return Fail(result, why);
 }
 
-int MqttLink::Settle(Clock::time_point deadline) {
+KelBusResult MqttLink::Settle(Clock::time_point deadline) {
   std::unique_lock lock(m_mutex);
   const bool settled = m_changed.wait_until(lock, deadline, [this] {
     return m_state != State::kUp || (m_awaitedSubscriptions.empty() && m_window.Empty());
@@ -151,8 +164,17 @@ int MqttLink::Settle(Clock::time_point deadline) {
   return KELBUS_OK;
 }
 
-int MqttLink::Publish(const std::string& topic, const void* bytes, int size,
-                      const mosquitto_property* properties) {
+KelBusResult MqttLink::Drain(Clock::time_point deadline) {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_state == State::kUp && !m_subscriptions.empty())
+      SubscribeLocked(m_subscriptions.front());
+  }
+  return Settle(deadline);
+}
+
+KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int size,
+                               const mosquitto_property* properties) {
   const std::size_t cost = static_cast<std::size_t>(size) + topic.size() + kMessageOverhead;
   std::unique_lock lock(m_mutex);
   m_changed.wait(lock, [&] {
@@ -165,29 +187,21 @@ int MqttLink::Publish(const std::string& topic, const void* bytes, int size,
   return PublishLocked(topic, bytes, size, properties, false);
 }
 
-int MqttLink::PublishLocked(const std::string& topic, const void* bytes, int size,
-                            const mosquitto_property* properties, bool retain) {
+KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes, int size,
+                                     const mosquitto_property* properties, bool retain) {
   int mid = 0;
   const int result =
       mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
   m_wakeup.Raise();
-  switch (result) {
-    // NO_CONN: the connection broke before the link's thread noticed.  The
-    // library keeps a QoS 1 message queued all the same and sends it once the
-    // connection is restored, so it is in flight like any other.
-    case MOSQ_ERR_SUCCESS:
-    case MOSQ_ERR_NO_CONN:
-      m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
-      return KELBUS_OK;
-    case MOSQ_ERR_OVERSIZE_PACKET:
-    case MOSQ_ERR_PAYLOAD_SIZE:
-      return Fail(KELBUS_ERR_TOO_LARGE, "a message of " + std::to_string(size) +
-                                            " bytes is larger than the broker accepts");
-    case MOSQ_ERR_MALFORMED_UTF8:
-      return Fail(KELBUS_ERR_INVALID, "the type name is not UTF-8");
-    default:
-      return Fail(KELBUS_ERR_TRANSPORT, mosquitto_strerror(result));
+  // NO_CONN: the connection broke before the link's thread noticed.  The
+  // library keeps a QoS 1 message queued all the same and sends it once the
+  // connection is restored, so it is in flight like any other.
+  if (result != MOSQ_ERR_SUCCESS && result != MOSQ_ERR_NO_CONN) {
+    return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT,
+                             "cannot send a message of " + std::to_string(size) + " bytes");
   }
+  m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
+  return KELBUS_OK;
 }
 
 void MqttLink::Close(bool withWill) {
@@ -289,8 +303,8 @@ bool MqttLink::ConnectionBroke(int loopResult) {
     SetStateLocked(restore ? State::kDown : State::kFailed);
   }
   if (wasUp) {
-    std::fprintf(stderr, "KelBus: lost the connection to %s (%s); restoring it\n",
-                 m_address.Describe().c_str(), why.c_str());
+    Diagnose("KelBus: lost the connection to " + m_address.Describe() + " (" + why +
+             "); restoring it");
   }
   m_listener.OnStateChanged();
   return restore;
@@ -343,8 +357,7 @@ void MqttLink::Connected(int reason) {
     SetStateLocked(State::kUp);
   }
   if (restored) {
-    std::fprintf(stderr, "KelBus: the connection to %s is restored\n",
-                 m_address.Describe().c_str());
+    Diagnose("KelBus: the connection to " + m_address.Describe() + " is restored");
   }
   m_listener.OnStateChanged();
 }
@@ -371,8 +384,8 @@ void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,
                              const mosquitto_property*) {
   MqttLink& link = Self(self);
   if (reason >= MQTT_RC_UNSPECIFIED) {
-    std::fprintf(stderr, "KelBus: the broker at %s refused a message: %s\n",
-                 link.m_address.Describe().c_str(), mosquitto_reason_string(reason));
+    Diagnose("KelBus: the broker at " + link.m_address.Describe() +
+             " refused a message: " + mosquitto_reason_string(reason));
   }
   std::lock_guard lock(link.m_mutex);
   link.m_window.Acknowledge(mid);

@@ -28,11 +28,20 @@
 #include <thread>
 #include <vector>
 
+#include <KelMsgFeaMessaging/KelBus.h>
+
 #include "BusAddress.h"
 #include "SendWindow.h"
 #include "Wakeup.h"
 
 namespace kelbus {
+
+// The one place where libmosquitto's result codes become the bus's: records
+// `doing` and the reason as the calling thread's last error and returns the
+// bus's code for a failed `mosquittoResult`; `otherwise` unless the failure
+// means something to the bus's caller.
+KelBusResult FailFromMosquitto(int mosquittoResult, KelBusResult otherwise,
+                               const std::string& doing);
 
 class MqttLink {
  public:
@@ -79,13 +88,17 @@ class MqttLink {
   // Makes the first connection and waits for the broker's CONNACK until
   // `deadline`.  On failure the link is unusable and the reason is the
   // calling thread's last error.
-  int Open(Clock::time_point deadline);
+  KelBusResult Open(Clock::time_point deadline);
   // Waits until the broker has acknowledged every subscription and message
   // so far.
-  int Settle(Clock::time_point deadline);
+  KelBusResult Settle(Clock::time_point deadline);
+  // As Settle, and waits as well until the link has read every message that
+  // the broker sent it so far: renews a subscription, whose acknowledgement
+  // comes after them.
+  KelBusResult Drain(Clock::time_point deadline);
   // Publishes at QoS 1, not retained, once the send window has room.
-  int Publish(const std::string& topic, const void* bytes, int size,
-              const mosquitto_property* properties);
+  KelBusResult Publish(const std::string& topic, const void* bytes, int size,
+                       const mosquitto_property* properties);
   // Disconnects (reason 0x04, so that the broker publishes the will, when
   // `withWill`) and stops the thread.  Idempotent.
   void Close(bool withWill);
@@ -110,7 +123,7 @@ class MqttLink {
   static void HandleMessage(mosquitto*, void* self, const mosquitto_message* message,
                             const mosquitto_property* properties);
 
-  int Configure();
+  KelBusResult Configure();
   void Run();
   // One round of the network thread: waits up to `timeoutMs` for the socket
   // or a wake-up, then reads, writes and keeps the connection alive.
@@ -123,8 +136,8 @@ class MqttLink {
   bool StartReconnecting();
   void Connected(int reason);
   void SubscribeLocked(const Subscription& subscription);
-  int PublishLocked(const std::string& topic, const void* bytes, int size,
-                    const mosquitto_property* properties, bool retain);
+  KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
+                             const mosquitto_property* properties, bool retain);
   void SetStateLocked(State state);
 
   const BusAddress m_address;

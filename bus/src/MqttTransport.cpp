@@ -1,15 +1,31 @@
-#include "MqttTransport.h"
-
+// The bus over an MQTT 5 broker (see KelBus.h for the mapping).
+//
+// A communicator starts on a link under a client identifier of its own.
+// Claiming an application opens a second link under the application's
+// client identifier, with the departure record as will and the presence
+// record as birth message, and retires the first link once everything sent
+// on it has reached the broker, so that order holds across the switch.
+#include <mosquitto.h>
 #include <mqtt_protocol.h>
 
-#include <KelMsgFeaMessaging/KelBus.h>
-
-#include <cstdio>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
 
+#include "BusTopics.h"
+#include "Diagnostics.h"
 #include "LastError.h"
+#include "MqttLink.h"
 #include "PresenceReader.h"
+#include "ProcessRecord.h"
+#include "Transport.h"
 
 namespace kelbus {
 namespace {
@@ -27,11 +43,66 @@ std::string Holder(const ProcessRecord& record) {
          record.host;
 }
 
-}  // namespace
+class MqttTransport final : public Transport, public MqttLink::Listener {
+ public:
+  MqttTransport(const BusAddress& address, const Inbox& inbox);
+  ~MqttTransport() override;
 
-void MqttTransport::PropertiesDeleter::operator()(mosquitto_property* properties) const {
-  mosquitto_property_free_all(&properties);
-}
+  // Opens the communicator's first link; `label` goes into its client
+  // identifier.
+  KelBusResult Connect(const std::string& label);
+
+  KelBusResult Claim(const std::string& app, bool takeOver) override;
+  KelBusResult Send(std::string_view target, const char* type, const void* bytes,
+                    int size) override;
+  KelBusResult WatchDepartures(bool on) override;
+  bool NameLost() const override;
+  void Close() override;
+  void AbandonAfterFork() override;
+
+ private:
+  struct PropertiesDeleter {
+    void operator()(mosquitto_property* properties) const {
+      mosquitto_property_free_all(&properties);
+    }
+  };
+  using Properties = std::unique_ptr<mosquitto_property, PropertiesDeleter>;
+
+  // MqttLink::Listener, on the links' threads.
+  void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
+  void OnStateChanged() override;
+
+  std::unique_ptr<MqttLink> NewHolderLink(const ProcessRecord& presence);
+  // The reconnect guard of the holder's link.
+  MqttLink::Verdict CheckNameStillOurs(const std::string& app, std::uint64_t claim) const;
+  // Sets the content type for `type` unless it is the last one used.
+  KelBusResult PrepareType(const char* type);
+  void Report(const ProcessRecord& departure);
+
+  const BusAddress m_address;
+  const BusTopics m_topics;
+  const Inbox m_inbox;
+  const ProcessRecord m_process;
+  std::atomic<bool> m_watching{false};
+
+  // Serialises the operations that use the link (claim, send, watch, close).
+  std::mutex m_operationMutex;
+  bool m_claimed = false;
+  bool m_closed = false;
+  std::string m_lastTarget, m_targetTopic;
+  std::string m_lastType;
+  bool m_typePrepared = false;
+  Properties m_typeProperties;  // null for the empty type name
+
+  // Guards the pointer, which a claim replaces, for NameLost.
+  mutable std::mutex m_linkMutex;
+  std::unique_ptr<MqttLink> m_link;
+
+  // A departure may arrive on both links while a claim switches them.
+  std::mutex m_reportsMutex;
+  std::array<std::pair<std::uint64_t, Clock::time_point>, 16> m_recentReports{};
+  std::size_t m_nextReport = 0;
+};
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
     : m_address(address), m_topics(address.nameSpace), m_inbox(inbox), m_process(ThisProcess()) {}
@@ -40,12 +111,12 @@ MqttTransport::~MqttTransport() {
   Close();
 }
 
-int MqttTransport::Connect(const std::string& label) {
+KelBusResult MqttTransport::Connect(const std::string& label) {
   auto link = std::make_unique<MqttLink>(
       m_address,
       m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator()),
       *this);
-  const int result = link->Open(Clock::now() + kConnectLimit);
+  const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
   m_link = std::move(link);
   return result;
@@ -66,7 +137,7 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   return link;
 }
 
-int MqttTransport::Claim(const std::string& app, bool takeOver) {
+KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   std::lock_guard operation(m_operationMutex);
   const auto deadline = Clock::now() + kConnectLimit;
   if (!takeOver) {
@@ -82,7 +153,7 @@ int MqttTransport::Claim(const std::string& app, bool takeOver) {
   presence.app = app;
   presence.claim = RandomClaim();
   auto holder = NewHolderLink(presence);
-  int result = holder->Open(deadline);
+  KelBusResult result = holder->Open(deadline);
   if (result == KELBUS_OK)
     result = holder->Settle(deadline);
   if (result != KELBUS_OK) {
@@ -90,8 +161,10 @@ int MqttTransport::Claim(const std::string& app, bool takeOver) {
     return result;
   }
   // What the first link still has in flight reaches the broker before the
-  // holder link sends anything.
-  m_link->Settle(deadline);
+  // holder link sends anything, and what the broker sent it before accepting
+  // the holder link (the departure of a holder taken over, above all) is
+  // read before it goes.
+  m_link->Drain(deadline);
   std::unique_ptr<MqttLink> retired;
   {
     std::lock_guard lock(m_linkMutex);
@@ -110,13 +183,12 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
     return MqttLink::Verdict::kRetryLater;
   if (!reading.record || reading.record->claim == claim)
     return MqttLink::Verdict::kReconnect;
-  std::fprintf(stderr,
-               "KelBus: application '%s' was taken over by %s; this process gives the name up\n",
-               app.c_str(), Holder(*reading.record).c_str());
+  Diagnose("KelBus: application '" + app + "' was taken over by " + Holder(*reading.record) +
+           "; this process gives the name up");
   return MqttLink::Verdict::kGiveUp;
 }
 
-int MqttTransport::PrepareType(const char* type) {
+KelBusResult MqttTransport::PrepareType(const char* type) {
   if (m_typePrepared && m_lastType == type)
     return KELBUS_OK;
   m_typePrepared = false;
@@ -125,10 +197,10 @@ int MqttTransport::PrepareType(const char* type) {
   // cannot copy an empty string property.
   if (type[0] != '\0') {
     mosquitto_property* properties = nullptr;
-    if (mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type) !=
-        MOSQ_ERR_SUCCESS) {
+    const int added = mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type);
+    if (added != MOSQ_ERR_SUCCESS) {
       mosquitto_property_free_all(&properties);
-      return Fail(KELBUS_ERR_INVALID, "the type name is not valid UTF-8 text");
+      return FailFromMosquitto(added, KELBUS_ERR_INVALID, "cannot label the message with its type");
     }
     m_typeProperties.reset(properties);
   }
@@ -137,22 +209,19 @@ int MqttTransport::PrepareType(const char* type) {
   return KELBUS_OK;
 }
 
-int MqttTransport::Send(std::string_view target, const char* type, const void* bytes, int size) {
+KelBusResult MqttTransport::Send(std::string_view target, const char* type, const void* bytes,
+                                 int size) {
   std::lock_guard operation(m_operationMutex);
-  if (const int result = PrepareType(type); result != KELBUS_OK)
+  if (const KelBusResult result = PrepareType(type); result != KELBUS_OK)
     return result;
   if (target != m_lastTarget || m_targetTopic.empty()) {
     m_lastTarget.assign(target);
     m_topics.MessageTopic(target, &m_targetTopic);
   }
-  const int result = m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
-  if (result == KELBUS_ERR_DISCONNECTED && Health() == KELBUS_ERR_NAME_LOST) {
-    return Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over");
-  }
-  return result;
+  return m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
 }
 
-int MqttTransport::WatchDepartures(bool on) {
+KelBusResult MqttTransport::WatchDepartures(bool on) {
   std::lock_guard operation(m_operationMutex);
   m_watching = on;
   if (!on) {
@@ -163,23 +232,19 @@ int MqttTransport::WatchDepartures(bool on) {
   return m_link->Settle(Clock::now() + kConnectLimit);
 }
 
-int MqttTransport::Health() const {
+bool MqttTransport::NameLost() const {
   std::lock_guard lock(m_linkMutex);
-  switch (m_link->CurrentState()) {
-    case MqttLink::State::kUp:
-      return KELBUS_OK;
-    case MqttLink::State::kGivenUp:
-      return KELBUS_ERR_NAME_LOST;
-    default:
-      return KELBUS_ERR_DISCONNECTED;
-  }
+  return m_link->CurrentState() == MqttLink::State::kGivenUp;
 }
 
 void MqttTransport::Close() {
   std::lock_guard operation(m_operationMutex);
-  if (!m_link)
+  if (m_closed || !m_link)
     return;
-  m_link->Settle(Clock::now() + kConnectLimit);
+  m_closed = true;
+  // While the connection is down nothing can reach the broker.
+  if (m_link->CurrentState() == MqttLink::State::kUp)
+    m_link->Settle(Clock::now() + kConnectLimit);
   m_link->Close(m_claimed);
 }
 
@@ -221,6 +286,17 @@ void MqttTransport::Report(const ProcessRecord& departure) {
 
 void MqttTransport::OnStateChanged() {
   m_inbox.Wake();
+}
+
+}  // namespace
+
+std::unique_ptr<Transport> OpenMqttTransport(const BusAddress& address, const std::string& label,
+                                             const Inbox& inbox, KelBusResult* result) {
+  auto transport = std::make_unique<MqttTransport>(address, inbox);
+  *result = transport->Connect(label);
+  if (*result != KELBUS_OK)
+    return nullptr;
+  return transport;
 }
 
 }  // namespace kelbus

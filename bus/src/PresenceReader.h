@@ -3,6 +3,8 @@
 #ifndef KELBUS_SRC_PRESENCEREADER_H_
 #define KELBUS_SRC_PRESENCEREADER_H_
 
+#include <KelMsgFeaMessaging/KelBus.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -14,7 +16,7 @@
 namespace kelbus {
 
 struct PresenceReading {
-  int result;                           // KelBusResult
+  KelBusResult result;
   std::optional<ProcessRecord> record;  // none: nobody ever held the name
 };
 

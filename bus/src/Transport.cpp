@@ -1,23 +1,14 @@
 #include "Transport.h"
 
-#include <KelMsgFeaMessaging/KelBus.h>
-
-#include "LocalTransport.h"
-#include "MqttTransport.h"
-
 namespace kelbus {
 
 std::unique_ptr<Transport> OpenTransport(const BusAddress& address, const std::string& label,
-                                         const Inbox& inbox, LocalHub& hub, int* result) {
-  *result = KELBUS_OK;
+                                         const Inbox& inbox, KelBusResult* result) {
   if (address.kind == BusAddress::Kind::kLocal) {
-    return std::make_unique<LocalTransport>(hub, inbox);
+    *result = KELBUS_OK;
+    return OpenLocalTransport(inbox);
   }
-  auto transport = std::make_unique<MqttTransport>(address, inbox);
-  *result = transport->Connect(label);
-  if (*result != KELBUS_OK)
-    return nullptr;
-  return transport;
+  return OpenMqttTransport(address, label, inbox, result);
 }
 
 }  // namespace kelbus

@@ -1,12 +1,14 @@
 // The one interface between the bus's functions and a way of moving
-// messages.  Two exist: MQTT through a broker, and an in-process loopback.
-// The functions of KelBus.h never know which one runs.
+// messages, and the factories of the two that exist: MQTT through a broker,
+// and an in-process loopback.  The functions of KelBus.h never know which
+// one runs, and nothing outside a transport's own file names it.
 //
-// Unless said otherwise, operations are called on the caller's thread and
-// return a KelBusResult.  Transports deliver what they receive through their
-// Inbox, from any thread.
+// Unless said otherwise, operations are called on the caller's thread.
+// Transports deliver what they receive through their Inbox, from any thread.
 #ifndef KELBUS_SRC_TRANSPORT_H_
 #define KELBUS_SRC_TRANSPORT_H_
+
+#include <KelMsgFeaMessaging/KelBus.h>
 
 #include <memory>
 #include <string>
@@ -17,21 +19,23 @@
 
 namespace kelbus {
 
-class LocalHub;
-
 class Transport {
  public:
   virtual ~Transport() = default;
 
   // Becomes the holder of `app` (see DeclareApplicationId for `takeOver`).
   // Called at most once.
-  virtual int Claim(const std::string& app, bool takeOver) = 0;
-  // Hands `size` bytes labelled `type` to the network for `target`.
-  virtual int Send(std::string_view target, const char* type, const void* bytes, int size) = 0;
-  // Starts or stops the delivery of departure records to the inbox.
-  virtual int WatchDepartures(bool on) = 0;
-  // KELBUS_OK, KELBUS_ERR_DISCONNECTED or KELBUS_ERR_NAME_LOST.
-  virtual int Health() const = 0;
+  virtual KelBusResult Claim(const std::string& app, bool takeOver) = 0;
+  // Hands `size` bytes labelled `type` to the network for `target`.  The
+  // communicator sends nothing once NameLost(); a send that races the loss
+  // may still go.
+  virtual KelBusResult Send(std::string_view target, const char* type, const void* bytes,
+                            int size) = 0;
+  // Starts or stops the delivery of departure records to the inbox; records
+  // that arrive while stopped are never delivered.
+  virtual KelBusResult WatchDepartures(bool on) = 0;
+  // Whether another communicator took the application over, for good.
+  virtual bool NameLost() const = 0;
   // Leaves the bus in order: sends what is pending, publishes the departure
   // record.  Nothing is delivered afterwards.
   virtual void Close() = 0;
@@ -41,10 +45,19 @@ class Transport {
   virtual void AbandonAfterFork() = 0;
 };
 
-// Connects a communicator to the bus at `address`.  `label` names it on the
-// broker.  On failure returns null and stores the result in `*result`.
+// The in-process bus (local:): reaches the communicators of this process
+// that opened it too.
+std::unique_ptr<Transport> OpenLocalTransport(const Inbox& inbox);
+
+// The bus through the MQTT broker at `address`; waits until the broker has
+// accepted the connection.  `label` names the connection on the broker.  On
+// failure returns null and stores the result in `*result`.
+std::unique_ptr<Transport> OpenMqttTransport(const BusAddress& address, const std::string& label,
+                                             const Inbox& inbox, KelBusResult* result);
+
+// The transport of `address`'s scheme, as one of the factories above.
 std::unique_ptr<Transport> OpenTransport(const BusAddress& address, const std::string& label,
-                                         const Inbox& inbox, LocalHub& hub, int* result);
+                                         const Inbox& inbox, KelBusResult* result);
 
 }  // namespace kelbus
 

@@ -1,13 +1,14 @@
 #include "BusTestSupport.h"
 
-#include <pwd.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <KelMsgFeaMessaging/KelBus.h>
 
 #include <chrono>
-#include <climits>
 #include <cstring>
+#include <mutex>
+
+#include "SystemNames.h"
 
 namespace bustest {
 namespace {
@@ -25,37 +26,52 @@ void SendStream(void* buffer, int size) {
   std::memcpy(buffer, g_sendBytes->data(), static_cast<std::size_t>(size));
 }
 
-std::vector<Message> g_messages;
-std::vector<Report> g_reports;
-int g_arrivals = 0;
-
 void CollectMessage(const char* type, const void* buffer, int size) {
-  g_messages.push_back(
+  Received().messages.push_back(
       {type, std::string(static_cast<const char*>(buffer), static_cast<std::size_t>(size))});
-  ++g_arrivals;
+  ++Received().arrivals;
 }
 
 void CollectReport(int pid, const char* app, const char* host, const char* user) {
-  g_reports.push_back({pid, app, host, user});
-  ++g_arrivals;
+  Received().reports.push_back({pid, app, host, user});
+  ++Received().arrivals;
 }
 
-template <typename Collection>
-bool Await(int communicator, const Collection& collection, std::size_t count, int milliseconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-  while (collection.size() < count) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0)
-      return false;
-    const int result = WaitingLoop(communicator, static_cast<int>(left.count()), &g_arrivals);
-    if (result != KELBUS_OK && result != KELBUS_ERR_TIMEOUT)
+// Lines come from the network threads too.
+std::mutex g_linesMutex;
+std::vector<std::string> g_lines;
+
+void CollectLine(const char* line) {
+  std::lock_guard lock(g_linesMutex);
+  g_lines.emplace_back(line);
+}
+
+}  // namespace
+
+Collected& Received() {
+  static Collected collected;
+  return collected;
+}
+
+int CollectMessages(int communicator) {
+  return AssociateHandler(communicator, "collector", &CollectMessage);
+}
+
+int CollectReports(int communicator) {
+  return AssociateDisconnectHandler(communicator, "collector", &CollectReport);
+}
+
+bool Await(std::size_t messages, std::size_t reports) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (Received().messages.size() < messages || Received().reports.size() < reports) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0 || BBSysLoopWait(&Received().arrivals, static_cast<int>(left)) != KELBUS_OK)
       return false;
   }
   return true;
 }
-
-}  // namespace
 
 int Send(int communicator, const std::string& target, const std::string& type,
          const std::string& bytes) {
@@ -64,36 +80,11 @@ int Send(int communicator, const std::string& target, const std::string& type,
   return SendRequest(communicator, target.c_str(), &SendStream, &SendSize, &SendType);
 }
 
-void Received::Reset() {
-  g_messages.clear();
-  g_reports.clear();
-}
-
-const std::vector<Message>& Received::Messages() {
-  return g_messages;
-}
-const std::vector<Report>& Received::Reports() {
-  return g_reports;
-}
-
-int Received::CollectMessages(int communicator) {
-  return AssociateHandler(communicator, "collector", &CollectMessage);
-}
-
-int Received::CollectReports(int communicator) {
-  return AssociateDisconnectHandler(communicator, "collector", &CollectReport);
-}
-
-bool Received::AwaitMessages(int communicator, std::size_t count, int milliseconds) {
-  return Await(communicator, g_messages, count, milliseconds);
-}
-
-bool Received::AwaitReports(int communicator, std::size_t count, int milliseconds) {
-  return Await(communicator, g_reports, count, milliseconds);
-}
-
-int& Received::Arrivals() {
-  return g_arrivals;
+void ExpectReportOf(const Report& report, int pid, const std::string& app) {
+  EXPECT_EQ(report.pid, pid);
+  EXPECT_EQ(report.app, app);
+  EXPECT_EQ(report.host, HostName());
+  EXPECT_EQ(report.user, UserName());
 }
 
 Member::Member(const char* app, int flag) : m_result(RegisterCommunicator("test", &m_id)) {
@@ -106,15 +97,19 @@ Member::~Member() {
     CloseCommunicator(m_id);
 }
 
-std::string HostName() {
-  char name[HOST_NAME_MAX + 1] = {};
-  gethostname(name, sizeof name - 1);
-  return name;
+DiagnosticLines::DiagnosticLines() {
+  KelBusSetDiagnosticSink(&CollectLine);
 }
 
-std::string UserName() {
-  const passwd* entry = getpwuid(geteuid());
-  return entry != nullptr ? entry->pw_name : "";
+DiagnosticLines::~DiagnosticLines() {
+  KelBusSetDiagnosticSink(nullptr);
+  std::lock_guard lock(g_linesMutex);
+  g_lines.clear();
+}
+
+std::vector<std::string> DiagnosticLines::Lines() const {
+  std::lock_guard lock(g_linesMutex);
+  return g_lines;
 }
 
 }  // namespace bustest

@@ -1,9 +1,7 @@
 // Driving the bus's plain C functions from tests: sending bytes through the
-// three sending callbacks, and collecting what the bus delivers.
-//
-// The bus takes plain function pointers, so the collected messages and
-// departure reports live in process-wide storage; Received::Reset() empties
-// it.
+// three sending callbacks, collecting what the bus delivers, and collecting
+// its diagnostic lines.  The bus takes plain function pointers, so what is
+// collected lives in process-wide storage.
 #ifndef KELMSG_TESTS_BUS_BUSTESTSUPPORT_H_
 #define KELMSG_TESTS_BUS_BUSTESTSUPPORT_H_
 
@@ -12,10 +10,6 @@
 #include <vector>
 
 namespace bustest {
-
-// Sends `bytes` labelled `type` to `target`.
-int Send(int communicator, const std::string& target, const std::string& type,
-         const std::string& bytes);
 
 struct Message {
   std::string type;
@@ -29,21 +23,27 @@ struct Report {
   std::string user;
 };
 
-class Received {
- public:
-  static void Reset();
-  static const std::vector<Message>& Messages();
-  static const std::vector<Report>& Reports();
-  // Installs the collecting callbacks on `communicator`.
-  static int CollectMessages(int communicator);
-  static int CollectReports(int communicator);
-  // Dispatches `communicator`'s deliveries until `count` messages (reports)
-  // have been collected; false if that takes longer than `milliseconds`.
-  static bool AwaitMessages(int communicator, std::size_t count, int milliseconds);
-  static bool AwaitReports(int communicator, std::size_t count, int milliseconds);
-  // Bumped by every collecting callback.
-  static int& Arrivals();
+// What the collecting callbacks received; `= {}` empties it.
+struct Collected {
+  std::vector<Message> messages;
+  std::vector<Report> reports;
+  int arrivals = 0;  // bumped by every collecting callback
 };
+Collected& Received();
+
+// Installs the collecting callbacks on `communicator`.
+int CollectMessages(int communicator);
+int CollectReports(int communicator);
+// Dispatches the deliveries of every communicator until `messages` messages
+// and `reports` reports have been collected; false after ten seconds.
+bool Await(std::size_t messages, std::size_t reports = 0);
+
+// Sends `bytes` labelled `type` to `target`.
+int Send(int communicator, const std::string& target, const std::string& type,
+         const std::string& bytes);
+
+// Expects a departure of `app` in process `pid` of this host and user.
+void ExpectReportOf(const Report& report, int pid, const std::string& app);
 
 // A communicator for the length of a scope: registered (and declared, given
 // an application) on construction, closed on destruction.
@@ -63,9 +63,17 @@ class Member {
   int m_result;
 };
 
-// The host and user name a departure record of this machine carries.
-std::string HostName();
-std::string UserName();
+// The bus's diagnostic lines while the object lives, instead of standard
+// error.
+class DiagnosticLines {
+ public:
+  DiagnosticLines();
+  ~DiagnosticLines();
+  DiagnosticLines(const DiagnosticLines&) = delete;
+  DiagnosticLines& operator=(const DiagnosticLines&) = delete;
+
+  std::vector<std::string> Lines() const;
+};
 
 }  // namespace bustest
 

@@ -90,6 +90,14 @@
 // RESULTS
 //   Every function returns KELBUS_OK (0) or one of the negative codes below.
 //   KelBusLastError describes the last failure of the calling thread.
+//
+// DIAGNOSTICS
+//   Some events concern people rather than the caller: why the bus cannot
+//   be joined (with KELBUS_ERR_URL, KELBUS_ERR_UNREACHABLE and the like), a
+//   connection lost and restored, a name given up, a message the broker
+//   refused.  The bus reports each in one line that begins "KelBus:", on
+//   standard error unless the program installs a sink of its own
+//   (KelBusSetDiagnosticSink).
 #ifndef KELMSGFEAMESSAGING_KELBUS_H_
 #define KELMSGFEAMESSAGING_KELBUS_H_
 
@@ -100,16 +108,17 @@ extern "C" {
 enum KelBusResult {
   KELBUS_OK = 0,
   // An argument is null or out of range, or a callback gave an unusable
-  // answer (negative size, null type or a type name that is not UTF-8).
+  // answer (negative size, null type, or a type name that is not UTF-8 or
+  // holds control characters, which MQTT does not carry).
   KELBUS_ERR_INVALID = -1,
   // No open communicator has this identifier (never opened, closed, or
   // inherited from the parent of a forked process).  BBSysLoopWait: the
   // process has no open communicator.
   KELBUS_ERR_BAD_ID = -2,
-  // KELBUS_URL is malformed; one line on standard error tells why.
+  // KELBUS_URL is malformed; a diagnostic line tells why.
   KELBUS_ERR_URL = -3,
-  // No broker answered at KELBUS_URL within KELBUS_CONNECT_SECONDS; one line
-  // on standard error names the URL and how to start a broker.
+  // No broker answered at KELBUS_URL within KELBUS_CONNECT_SECONDS; a
+  // diagnostic line names the URL and how to start a broker.
   KELBUS_ERR_UNREACHABLE = -4,
   // The broker answered but refused the connection or a subscription (for
   // instance bad user name or password, not authorised).
@@ -247,6 +256,17 @@ int CloseCommunicator(int communicatorId);
 // Text describing the last failure of a bus call on the calling thread ("" if
 // there was none).  Valid until the thread's next bus call.
 const char* KelBusLastError(void);
+
+// Receives one diagnostic line of the bus: NUL-terminated, without newline,
+// valid only during the call.
+typedef void (*KelBusDiagnosticSink)(const char* line);
+
+// Sends the bus's diagnostic lines to `sink` from now on; null restores the
+// default, which writes each line and a newline to standard error and
+// flushes it.  Returns the sink it replaces.  The sink is called on any
+// thread, the network threads included, possibly on several at once; it
+// must return soon and must not call the bus.
+KelBusDiagnosticSink KelBusSetDiagnosticSink(KelBusDiagnosticSink sink);
 
 #ifdef __cplusplus
 }
