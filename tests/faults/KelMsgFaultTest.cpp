@@ -92,6 +92,9 @@ class KelMsgFaultTest : public ::testing::Test {
   std::optional<PeerController> m_controller;
 };
 
+// The receiver still holds the killed sender's file open while it takes the
+// next sender's, so the two sources' descriptors and chunk counters must
+// stay apart.
 TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender) {
   const std::uintmax_t bigSize = 128 * kMiB;
   WritePatternFile(Path("big.dat"), bigSize);

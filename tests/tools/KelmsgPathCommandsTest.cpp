@@ -25,6 +25,7 @@ TEST(KelmsgPathCommands, FindPortPassesOverATakenPort) {
 
 // Two names for one directory, the real one and a symbolic link to it, and
 // another directory; relative bases are read against the working directory.
+// What a stamp is and when it shows is KelMsgPathExplorerTest's.
 TEST(KelmsgPathCommands, StampsTellASharedDirectoryFromAnotherOne) {
   const ScratchDirectory scratch;
   fs::create_directories(scratch / "real/job42");
@@ -37,7 +38,6 @@ TEST(KelmsgPathCommands, StampsTellASharedDirectoryFromAnotherOne) {
   ASSERT_EQ(stamp.status, 0) << stamp.err;
   const std::string stampFile = scratch / "real/job42/monitor.stamp";
   EXPECT_EQ(stamp.out, stampFile + "\n");
-  EXPECT_EQ(fs::file_size(stampFile), 0U);
 
   const KelmsgResult throughLink = run({"shared", scratch / "link", "job42", "monitor"});
   EXPECT_EQ(throughLink.status, 0);
@@ -50,7 +50,6 @@ TEST(KelmsgPathCommands, StampsTellASharedDirectoryFromAnotherOne) {
 
   EXPECT_EQ(run({"unstamp", "link", "job42", "monitor"}).status, 0);
   EXPECT_FALSE(fs::exists(stampFile));
-  EXPECT_EQ(run({"shared", "real", "job42", "monitor"}).status, 1);
   EXPECT_EQ(run({"unstamp", "real", "job42", "monitor"}).status, 0)
       << "removing a stamp that is not there is no failure";
 }
