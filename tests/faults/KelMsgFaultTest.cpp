@@ -82,6 +82,12 @@ class KelMsgFaultTest : public ::testing::Test {
     return "push\n" + sender + "\n" + base + "\n\n" + file + "\n" + receiver + "\n" + base +
            "\n\n" + target;
   }
+  // Awaits "ready" from each peer named.
+  bool Ready(const std::vector<std::string>& peers) {
+    return std::all_of(peers.begin(), peers.end(), [&](const std::string& peer) {
+      return m_controller->TakeAnswer(peer, "ready", 60s).has_value();
+    });
+  }
   void Quit(const std::string& peer, ChildProcess& process) {
     m_controller->Tell(peer, "quit");
     EXPECT_EQ(process.ExitCode(20s), 0) << peer;
@@ -107,7 +113,7 @@ TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender
   ChildProcess receiver = Start("receiver");
   ChildProcess sender1 = Start("sender1");
   ChildProcess sender2 = Start("sender2");
-  ASSERT_TRUE(m_controller->AwaitReady(3, 30s));
+  ASSERT_TRUE(Ready({"receiver", "sender1", "sender2"}));
 
   const std::string partial = Path("big.out");
   ASSERT_EQ(m_controller->Tell("sender1", Push("sender1", "big.dat", "receiver", "big.out")),
@@ -166,7 +172,7 @@ TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded)
   setenv("ASAN_OPTIONS", (previous + ":quarantine_size_mb=8").c_str(), 1);
   ChildProcess sender = Start("sender");
   setenv("ASAN_OPTIONS", previous.c_str(), 1);
-  ASSERT_TRUE(m_controller->AwaitReady(2, 30s));
+  ASSERT_TRUE(Ready({"receiver", "sender"}));
 
   m_controller->Tell("sender", Push("sender", "large.dat", "receiver", "large.out"));
   const std::optional<std::string> pushed = m_controller->TakeAnswer("sender", "pushed ", 120s);
@@ -184,28 +190,18 @@ TEST_F(KelMsgFaultTest, FiftyProcessesGetEveryMessageOnceAndInOrderPerSender) {
   constexpr int kPeers = 50;
   constexpr int kCount = 100;  // messages from each sender to each of its receivers
   constexpr int kFanout = 4;
+  std::vector<std::string> names;
   std::vector<ChildProcess> peers;
   for (int i = 0; i < kPeers; ++i) {
-    peers.push_back(
-        Start("p" + std::to_string(i), {"--mesh", std::to_string(i), std::to_string(kPeers),
-                                        std::to_string(kCount), std::to_string(kFanout)}));
+    names.push_back("p" + std::to_string(i));
+    peers.push_back(Start(names.back(), {"--mesh", std::to_string(i), std::to_string(kPeers),
+                                         std::to_string(kCount), std::to_string(kFanout)}));
   }
-  ASSERT_TRUE(m_controller->AwaitReady(kPeers, 60s));
-  for (int i = 0; i < kPeers; ++i)
-    ASSERT_EQ(m_controller->Tell("p" + std::to_string(i), "go"), KELBUS_OK);
-  m_controller->Await(
-      [](const std::vector<Answer>& answers) {
-        return std::count_if(answers.begin(), answers.end(),
-                             [](const Answer& answer) { return answer.text != "ready"; }) == kPeers;
-      },
-      60s);
-  std::vector<std::string> verdicts;
-  for (const Answer& answer : m_controller->Answers()) {
-    if (answer.text != "ready" && answer.text != "ok")
-      verdicts.push_back(answer.sender + ": " + answer.text);
-  }
-  EXPECT_EQ(m_controller->Count("ok"), static_cast<std::size_t>(kPeers))
-      << ::testing::PrintToString(verdicts);
+  ASSERT_TRUE(Ready(names));
+  for (const std::string& name : names)
+    ASSERT_EQ(m_controller->Tell(name, "go"), KELBUS_OK);
+  for (const std::string& name : names)
+    EXPECT_EQ(m_controller->TakeAnswer(name, "", 60s), "ok") << name;
   for (ChildProcess& peer : peers)
     EXPECT_EQ(peer.ExitCode(20s), 0);
 }
@@ -265,7 +261,7 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
 TEST_F(KelMsgFaultTest, MessagesRelayedAcrossThreeProcessesArriveUnderTheRelaysName) {
   ChildProcess sink = Start("sink");
   ChildProcess relay = Start("relay", {"--forward", "sink"});
-  ASSERT_TRUE(m_controller->AwaitReady(2, 30s));
+  ASSERT_TRUE(Ready({"sink", "relay"}));
   m_controller->Tell("relay", "mesh ready");
   Quit("relay", relay);  // relayed too: the sink quits as well
   EXPECT_EQ(sink.ExitCode(20s), 0);

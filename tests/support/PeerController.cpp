@@ -10,7 +10,7 @@ namespace {
 
 class AnswerCollector : public KelMsgBBMessageHandler {
  public:
-  AnswerCollector(std::vector<Answer>& answers, int& arrivals)
+  AnswerCollector(std::vector<PeerController::Answer>& answers, int& arrivals)
       : m_answers(answers), m_arrivals(arrivals) {}
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
     m_answers.push_back({id, TextOf(msg)});
@@ -18,7 +18,7 @@ class AnswerCollector : public KelMsgBBMessageHandler {
   }
 
  private:
-  std::vector<Answer>& m_answers;
+  std::vector<PeerController::Answer>& m_answers;
   int& m_arrivals;
 };
 
@@ -40,42 +40,23 @@ int PeerController::Tell(const std::string& target, const std::string& text) con
   return SendText(m_bus, target, text);
 }
 
-bool PeerController::Await(const std::function<bool(const std::vector<Answer>&)>& done,
-                           std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done(m_answers)) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0)
-      return false;
-    m_bus.Wait(m_arrivals, static_cast<int>(left.count()));
-  }
-  return true;
-}
-
 std::optional<std::string> PeerController::TakeAnswer(const std::string& sender,
                                                       const std::string& prefix,
                                                       std::chrono::milliseconds limit) {
-  const auto match = [&](const Answer& answer) {
-    return answer.sender == sender && answer.text.rfind(prefix, 0) == 0;
-  };
-  if (!Await(
-          [&](const auto& answers) { return std::any_of(answers.begin(), answers.end(), match); },
-          limit)) {
-    return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    const auto found = std::find_if(m_answers.begin(), m_answers.end(), [&](const Answer& answer) {
+      return answer.sender == sender && answer.text.rfind(prefix, 0) == 0;
+    });
+    if (found != m_answers.end()) {
+      std::string text = found->text;
+      m_answers.erase(found);
+      return text;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0)
+      return std::nullopt;
+    m_bus.Wait(m_arrivals, static_cast<int>(left.count()));
   }
-  const auto found = std::find_if(m_answers.begin(), m_answers.end(), match);
-  std::string text = found->text;
-  m_answers.erase(found);
-  return text;
-}
-
-bool PeerController::AwaitReady(std::size_t count, std::chrono::milliseconds limit) {
-  return Await([&](const auto&) { return Count("ready") >= count; }, limit);
-}
-
-std::size_t PeerController::Count(const std::string& text) const {
-  return static_cast<std::size_t>(
-      std::count_if(m_answers.begin(), m_answers.end(),
-                    [&](const Answer& answer) { return answer.text == text; }));
 }

@@ -1,6 +1,6 @@
 // PeerController: the test process's own place on the bus, from which it
 // starts peers (kelmsg_test_peer, TestPeer.cpp), sends them commands and
-// collects their answers.
+// takes their answers.
 //
 //   PeerController controller;                 // joins as "controller"
 //   ChildProcess peer = controller.StartPeer({"receiver"}, scratch / "receiver.out");
@@ -12,8 +12,6 @@
 #define KELMSG_TESTS_SUPPORT_PEERCONTROLLER_H_
 
 #include <chrono>
-#include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,16 +21,11 @@
 
 #include "ChildProcess.h"
 
-struct Answer {
-  std::string sender;
-  std::string text;
-};
-
 class PeerController {
  public:
   // Joins the bus that KELBUS_URL names; Bus().Joined() tells whether that
-  // worked.  The registry is this process's: whatever the test adopts next
-  // to the answers is deleted with the controller.
+  // worked.  The registry is this process's: whatever the test adopts beside
+  // the answers is deleted with the controller.
   explicit PeerController(const char* application = "controller");
 
   const KelMsgBBApplication& Bus() const { return m_bus; }
@@ -43,20 +36,16 @@ class PeerController {
                          const std::string& outputPath = "") const;
   // Sends `text` as a raw string message; the bus's result.
   int Tell(const std::string& target, const std::string& text) const;
-
-  // Dispatches until `done` holds for the answers collected so far, or
-  // `limit` passes; the final value of `done`.
-  bool Await(const std::function<bool(const std::vector<Answer>&)>& done,
-             std::chrono::milliseconds limit);
-  // Awaits the first answer from `sender` that begins with `prefix`, and
-  // takes it out of the collection; nothing when `limit` passed first.
+  // Dispatches until an answer from `sender` that begins with `prefix` has
+  // arrived, and takes the first such answer out of those collected;
+  // nothing when `limit` passed first.
   std::optional<std::string> TakeAnswer(const std::string& sender, const std::string& prefix,
                                         std::chrono::milliseconds limit);
-  // Awaits `count` answers "ready".
-  bool AwaitReady(std::size_t count, std::chrono::milliseconds limit);
-  // The answers collected so far, in order, and how many of them are `text`.
-  const std::vector<Answer>& Answers() const { return m_answers; }
-  std::size_t Count(const std::string& text) const;
+
+  struct Answer {
+    std::string sender;
+    std::string text;
+  };
 
  private:
   KelMsgBBCallbackManager m_registry;  // deletes the adopted, after leaving
