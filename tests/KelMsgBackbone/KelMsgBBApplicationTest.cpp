@@ -3,53 +3,28 @@
 #include <KelMsgFeaMessaging/KelMsgBBApplication.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <utility>
 
-#include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
-#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
 #include <gtest/gtest.h>
 
+#include "PeerController.h"
+
 namespace {
-
-int SendText(const KelMsgBBApplication& from, const char* to, const char* text) {
-  KelMsgStringType message;
-  message.SetData(text, static_cast<int>(std::strlen(text)));
-  return from.Send(to, message);
-}
-
-class LastArrival : public KelMsgBBMessageHandler {
- public:
-  void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    const auto& string = static_cast<const KelMsgStringType&>(msg);
-    text = std::string(id) + ": " + std::string(string.Data(), string.Size());
-    arrived = 0;
-  }
-  std::string text;
-  int arrived = -1;
-};
 
 class KelMsgBBApplicationTest : public ::testing::Test {
  protected:
-  KelMsgBBApplicationTest() {
-    setenv("KELBUS_URL", "local:", 1);
-    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType, m_arrival);
-  }
-
-  KelMsgBBCallbackManager m_registry;        // deletes m_arrival
-  LastArrival* m_arrival = new LastArrival;  // adopted
+  KelMsgBBApplicationTest() { setenv("KELBUS_URL", "local:", 1); }
 };
 
+// The controller is an application that collects the texts it receives.
 TEST_F(KelMsgBBApplicationTest, ReceivesUnderItsNameAndSendsUnderItAsIdentifier) {
-  const KelMsgBBApplication solver("solver");
-  ASSERT_EQ(solver.Result(), KELBUS_OK);
-  EXPECT_TRUE(solver.Joined());
-  EXPECT_STREQ(solver.Name(), "solver");
-  ASSERT_EQ(SendText(solver, "solver", "to myself"), KELBUS_OK);
-  EXPECT_EQ(solver.Wait(m_arrival->arrived, 5000), KELBUS_OK);
-  EXPECT_EQ(m_arrival->text, "solver: to myself");
+  PeerController solver("solver");
+  ASSERT_EQ(solver.Bus().Result(), KELBUS_OK);
+  EXPECT_STREQ(solver.Bus().Name(), "solver");
+  ASSERT_EQ(solver.Tell("solver", "to myself"), KELBUS_OK);
+  EXPECT_TRUE(solver.TakeAnswer("solver", "to myself", std::chrono::seconds(5)));
 }
 
 TEST_F(KelMsgBBApplicationTest, AHeldNameIsRefusedUnlessTakenOver) {
@@ -71,7 +46,7 @@ TEST_F(KelMsgBBApplicationTest, LeavesWhenDestroyedOrReplacedButNotWhenMovedFrom
   KelMsgBBApplication moved(std::move(first));
   EXPECT_EQ(first.Communicator(), 0);  // NOLINT(bugprone-use-after-move): what is left
   { const KelMsgBBApplication empty(std::move(first)); }
-  EXPECT_EQ(SendText(moved, "solver", "still here"), KELBUS_OK);
+  EXPECT_EQ(moved.Send("solver", KelMsgStringType()), KELBUS_OK);
   EXPECT_FALSE(KelMsgBBApplication("solver").Joined());
 
   moved = KelMsgBBApplication("mesher");
