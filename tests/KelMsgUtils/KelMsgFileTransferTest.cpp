@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -30,14 +29,6 @@ constexpr char kTester[] = "tester";
 constexpr char kJob[] = "job";
 constexpr std::chrono::seconds kLimit(60);
 
-std::string RandomBytes(std::size_t size) {
-  std::mt19937 random(static_cast<unsigned>(size));
-  std::string bytes(size, '\0');
-  for (char& byte : bytes)
-    byte = static_cast<char>(random());
-  return bytes;
-}
-
 // Open descriptors of this process: a transfer that leaves a file open shows.
 std::ptrdiff_t OpenDescriptors() {
   return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
@@ -50,14 +41,15 @@ class RecordTap : public KelMsgBBMessageHandler {
   explicit RecordTap(KelMsgFileTransfer* engine) : m_handler(engine) {}
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
     const auto& record = static_cast<const KelMsgFileTransferType&>(msg).Data();
-    Records.push_back(std::to_string(record.m_dataType) + " " +
-                      record.m_sourceApplication.GetUTF8());
+    m_records.push_back(std::to_string(record.m_dataType) + " " +
+                        record.m_sourceApplication.GetUTF8());
     m_handler.HandleMessage(msg, id);
   }
-  std::vector<std::string> Records;
+  const std::vector<std::string>& Records() const { return m_records; }
 
  private:
   KelMsgFileTransferHandler m_handler;
+  std::vector<std::string> m_records;
 };
 
 class FileTransferTest : public ::testing::Test {
@@ -194,7 +186,7 @@ TEST_F(FileTransferTest, APushIsAnnouncedChunkedAndCompletedUnderItsSourceName) 
   WriteFile(Peers("two-chunks"), RandomBytes(65537));
   Tell("peer", "push", FromPeer("peer", "two-chunks", "copy"));
   Expect("peer", "pushed ");
-  EXPECT_EQ(m_tap->Records, (std::vector<std::string>{"2 peer", "3 ", "3 ", "4 peer"}));
+  EXPECT_EQ(m_tap->Records(), (std::vector<std::string>{"2 peer", "3 ", "3 ", "4 peer"}));
 }
 
 TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoesOn) {

@@ -2,7 +2,6 @@
 // a real broker.
 #include <csignal>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -104,15 +103,6 @@ TEST_F(KelmsgOnBus, WatchReturnsOnceItsTargetHasLeft) {
   EXPECT_NE(solver.Out().find("data[2]: e\n"), std::string::npos) << "the first message is lost";
   ASSERT_EQ(watch.ExitCode(), 0) << watch.Err();
   EXPECT_EQ(watch.Out(), "watching solver\nsolver has left the bus\n");
-}
-
-// Random bytes, so that a chunk out of place shows.
-std::string RandomBytes(std::size_t size) {
-  std::mt19937 generator(static_cast<unsigned>(size));
-  std::string bytes(size, '\0');
-  for (char& byte : bytes)
-    byte = static_cast<char>(generator());
-  return bytes;
 }
 
 // A file server in its own directory, and a client directory beside it.
