@@ -82,20 +82,19 @@ TEST_F(KelmsgOnBus, WatchReturnsOnceItsTargetHasLeft) {
   ASSERT_TRUE(solver.WaitForOutput("listening as solver\n")) << solver.Err();
   ASSERT_TRUE(mesher.WaitForOutput("listening as mesher\n")) << mesher.Err();
   KelmsgProcess watch({"watch", "solver"});
-  KelmsgProcess limited({"watch", "solver", "--timeout", "1"});
+  KelmsgProcess limited({"watch", "solver", "--timeout", "2"});
   KelmsgProcess interrupted({"watch", "solver"});
   for (KelmsgProcess* watcher : {&watch, &limited, &interrupted})
     ASSERT_TRUE(watcher->WaitForOutput("watching solver\n")) << watcher->Err();
+  mesher.Signal(SIGKILL);
   interrupted.Signal(SIGINT);
   EXPECT_EQ(interrupted.ExitCode(10s), 130);
-
-  mesher.Signal(SIGKILL);
   ASSERT_EQ(RunKelmsg({"send", "solver", "--text", "one"}).status, 0);
   ASSERT_EQ(RunKelmsg({"send", "solver", "--text", "two"}).status, 0);
   ASSERT_TRUE(solver.WaitForOutput("data[2]: o\n")) << solver.Out();
   EXPECT_EQ(limited.ExitCode(), 1);
   EXPECT_NE(limited.Err().find("app -- mesher"), std::string::npos) << "mesher's departure is seen";
-  EXPECT_NE(limited.Err().find("kelmsg watch: solver is still on the bus after 1 s\n"),
+  EXPECT_NE(limited.Err().find("kelmsg watch: solver is still on the bus after 2 s\n"),
             std::string::npos);
 
   solver.Signal(SIGTERM);
