@@ -200,6 +200,7 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   Expect("someone-else", "synced");
   EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
   EXPECT_EQ(engine.ReceiveSendCompletion("nobody"), 0);
+  EXPECT_EQ(engine.CloseFile(-1), 0);
   ASSERT_EQ(reports.Messages(),
             std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");

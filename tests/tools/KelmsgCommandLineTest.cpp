@@ -41,7 +41,8 @@ TEST(KelmsgCommandLine, WithoutABrokerSaysSoInOneLine) {
 struct Failure {
   std::vector<std::string> arguments;
   int status;
-  std::string message;  // a part of the one line on standard error
+  std::string message;  // a part of the one line on standard error, after
+                        // "kelmsg: " (status 2) or "kelmsg <command>: "
 };
 
 // On a bus where "inbox" listens and "files" serves the working directory;
@@ -62,60 +63,57 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
   ASSERT_TRUE(files.WaitForOutput("serving files as files")) << files.Err();
 
   const Failure failures[] = {
-      {{}, 2, "kelmsg: A subcommand is required"},
-      {{"frobnicate"}, 2, "kelmsg: A subcommand is required"},
-      {{"send"}, 2, "kelmsg: APP is required"},
+      {{}, 2, "A subcommand is required"},
+      {{"frobnicate"}, 2, "A subcommand is required"},
+      {{"send"}, 2, "APP is required"},
       {{"send", "inbox"}, 2, "Exactly 1 option from [--text,--xml,--kill] is required"},
       {{"send", "inbox", "--text", "a", "--kill", "soft"}, 2, "and 2 were given"},
       {{"send", "inbox", "--kill", "gently"}, 2, "--kill: gently not in {soft,hard}"},
       {{"listen", "inbox", "--count", "0"}, 2, "--count: Value 0 not in range"},
       {{"watch", "inbox", "--timeout", "soon"}, 2, "--timeout: Value soon not in range"},
-      {{"push", "files", "only-a-source"}, 2, "kelmsg: TARGET is required"},
+      {{"push", "files", "only-a-source"}, 2, "TARGET is required"},
       {{"bus", "--address", "nowhere"}, 2, "--address: Invalid IPV4"},
-      {{"stamp", "base", "job"}, 2, "kelmsg: NAME is required"},
-      {{"find-port", "1", "2"}, 2, "kelmsg: The following argument was not expected: 2"},
-      {{"bus", "--ports", port}, 1, "kelmsg bus: no free port in " + port + "\n"},
-      {{"bus", "--ports", "any"}, 1, "kelmsg bus: no port in the list \"any\"\n"},
+      {{"stamp", "base", "job"}, 2, "NAME is required"},
+      {{"find-port", "1", "2"}, 2, "The following argument was not expected: 2"},
+      {{"bus", "--ports", port}, 1, "no free port in " + port + "\n"},
+      {{"bus", "--ports", "any"}, 1, "no port in the list \"any\"\n"},
       {{"bus", "--ports", "20000-29999", "--config", "/nonexistent/mosquitto.conf"},
        1,
-       "kelmsg bus: cannot read the broker configuration /nonexistent/mosquitto.conf\n"},
-      {{"find-port", port}, 1, "kelmsg find-port: no free port in " + port + "\n"},
-      {{"find-port", "ports,please"}, 1, "kelmsg find-port: no port in the list \"ports,please\""},
+       "cannot read the broker configuration /nonexistent/mosquitto.conf\n"},
+      {{"find-port", port}, 1, "no free port in " + port + "\n"},
+      {{"find-port", "ports,please"}, 1, "no port in the list \"ports,please\""},
       {{"stamp", dir, "no-such-job", "monitor"},
        1,
-       "kelmsg stamp: cannot create " + dir + "/no-such-job/monitor.stamp\n"},
-      {{"send", "inbox", "--xml", "notes.txt"},
-       1,
-       "kelmsg send: notes.txt is not an XML document\n"},
-      {{"send", "inbox", "--xml", "absent.xml"}, 1, "kelmsg send: cannot read absent.xml\n"},
-      {{"listen", "inbox"}, 1, "kelmsg listen: inbox is already on the bus\n"},
-      {{"push", "files", "absent.inp", "x"},
-       1,
-       "kelmsg push: cannot read " + dir + "/absent.inp: "},
+       "cannot create " + dir + "/no-such-job/monitor.stamp\n"},
+      {{"send", "inbox", "--xml", "notes.txt"}, 1, "notes.txt is not an XML document\n"},
+      {{"send", "inbox", "--xml", "absent.xml"}, 1, "cannot read absent.xml\n"},
+      {{"listen", "inbox"}, 1, "inbox is already on the bus\n"},
+      {{"push", "files", "absent.inp", "x"}, 1, "cannot read " + dir + "/absent.inp: "},
       {{"pull", "files", "absent.inp", "x"},
        1,
-       "kelmsg pull: files sent nothing for absent.inp (missing or empty there)\n"},
-      {{"pull", "files", "x", "no-such-dir/x"},
-       1,
-       "kelmsg pull: cannot write " + dir + "/no-such-dir/x: "},
+       "files sent nothing for absent.inp (missing or empty there)\n"},
+      {{"pull", "files", "x", "no-such-dir/x"}, 1, "cannot write " + dir + "/no-such-dir/x: "},
       {{"push", "nobody", "model.inp", "copy.inp", "--timeout", "1"},
        1,
-       "kelmsg push: no answer from nobody within 1 s (is it serving?)\n"},
+       "no answer from nobody within 1 s (is it serving?)\n"},
       {{"pull", "nobody", "model.inp", "copy.inp", "--timeout", "1"},
        1,
-       "kelmsg pull: no answer from nobody within 1 s (is it serving?)\n"},
+       "no answer from nobody within 1 s (is it serving?)\n"},
   };
   std::vector<std::unique_ptr<KelmsgProcess>> runs;
   for (const Failure& failure : failures)
     runs.push_back(std::make_unique<KelmsgProcess>(failure.arguments, dir));
   for (std::size_t i = 0; i < runs.size(); ++i) {
+    const Failure& failure = failures[i];
     const std::optional<int> status = runs[i]->ExitCode();
     const std::string err = runs[i]->Err();
-    SCOPED_TRACE(::testing::PrintToString(failures[i].arguments) + " wrote " + err);
-    EXPECT_EQ(status, failures[i].status);
+    const std::string prefix =
+        failure.status == 2 ? "kelmsg: " : "kelmsg " + failure.arguments[0] + ": ";
+    SCOPED_TRACE(::testing::PrintToString(failure.arguments) + " wrote " + err);
+    EXPECT_EQ(status, failure.status);
     EXPECT_EQ(LineCount(err), 1);
-    EXPECT_EQ(err.rfind("kelmsg", 0), 0U);
-    EXPECT_NE(err.find(failures[i].message), std::string::npos);
+    EXPECT_EQ(err.rfind(prefix, 0), 0U);
+    EXPECT_NE(err.find(failure.message), std::string::npos);
   }
 }
 
