@@ -4,6 +4,8 @@
 #include <KelMsgFeaMessaging/KelMsgSimpleDisconnectHandler.h>
 
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -76,6 +78,18 @@ TEST(KelMsgSimpleDisconnectHandlerDeathTest, DefaultBehaviourExitsWithStatusZero
   EXPECT_EXIT(handler.DetectDisconnection(4711, "x", "NODE7", "alice"),
               ::testing::ExitedWithCode(0),
               "^" + Trace(4711, "x", "NODE7", "alice") + kConfirmExit + "$");
+}
+
+// Made fully buffered, standard error shows whether the handler flushes each
+// trace line itself, as a process that dies right after needs.
+TEST(KelMsgSimpleDisconnectHandlerDeathTest, TraceLinesAreOutBeforeTheProcessDies) {
+  EXPECT_EXIT(
+      {
+        std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+        Handler().DetectDisconnection(1, "other", "host", "user");
+        std::_Exit(3);
+      },
+      ::testing::ExitedWithCode(3), "^" + Trace(1, "other", "host", "user") + "$");
 }
 
 }  // namespace
