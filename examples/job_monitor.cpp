@@ -107,7 +107,7 @@ int main(int argc, char** argv) {
   KelMsgSimpleDisconnectHandler departures;
   departures.SetWatchApplication(kSolver, -1, nullptr);
   departures.SetDisconnectBehavior(KelMsgSimpleDisconnectHandler::e_endWaitingLoop);
-  bus.WatchDepartures(&departures);
+  bus.WatchDepartures(departures);
 
   KelMsgPathExplorer::StampPath(base.c_str(), kJob, "monitor");
   const pid_t solver = StartSolver(argv[1], solverBase);

@@ -1,6 +1,11 @@
+// Which departures the disconnect watch takes for its application, what it
+// traces, and how it ends a wait or the process.  kelmsg watch runs it on
+// real departures.
 #include <KelMsgFeaMessaging/KelMsgSimpleDisconnectHandler.h>
 
 #include <climits>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -31,8 +36,10 @@ bool Matches(Handler& handler, int pid, const char* app, const char* host,
 
 TEST(KelMsgSimpleDisconnectHandlerTest, MatchesTheExactNameOrThePidWithTheHostInAnyCase) {
   Handler handler;
+  handler.SetDisconnectBehavior(static_cast<Handler::e_behavior>(7));  // any non-zero value
+  for (const int pid : {0, -1, 1, INT_MAX, -INT_MAX})
+    EXPECT_FALSE(Matches(handler, pid, "someone", "")) << "a fresh handler watches no pid";
   handler.SetWatchApplication("Solver", 4711, "node7");
-  handler.SetDisconnectBehavior(Handler::e_endWaitingLoop);
   const struct {
     int pid;
     const char* app;
@@ -52,6 +59,11 @@ TEST(KelMsgSimpleDisconnectHandlerTest, MatchesTheExactNameOrThePidWithTheHostIn
   handler.SetWatchApplication("Mesher", 99, nullptr);  // keeps the host
   EXPECT_TRUE(Matches(handler, 99, "other", "NODE7"));
   EXPECT_FALSE(Matches(handler, 4711, "Solver", "node7")) << "only the last name and pid count";
+  Handler fresh;
+  fresh.SetDisconnectBehavior(Handler::e_endWaitingLoop);
+  fresh.SetWatchApplication("Mesher", 99, nullptr);
+  EXPECT_FALSE(Matches(fresh, 99, "other", "node7"));
+  EXPECT_TRUE(Matches(fresh, 99, "other", "")) << "a fresh handler's host is empty";
 
   ::testing::internal::CaptureStderr();
   handler.DetectDisconnection(99, "Mesher", "", "");
@@ -60,22 +72,24 @@ TEST(KelMsgSimpleDisconnectHandlerTest, MatchesTheExactNameOrThePidWithTheHostIn
   EXPECT_EQ(handler.EndingCondition(), 0) << "nothing sets the flag back";
 }
 
-TEST(KelMsgSimpleDisconnectHandlerTest, AFreshHandlerWatchesNoPidAndAnEmptyHost) {
-  Handler handler;
-  handler.SetDisconnectBehavior(static_cast<Handler::e_behavior>(7));  // any non-zero value
-  for (const int pid : {0, -1, 1, INT_MAX, -INT_MAX})
-    EXPECT_FALSE(Matches(handler, pid, "someone", "")) << pid;
-  handler.SetWatchApplication("Mesher", 99, nullptr);
-  EXPECT_FALSE(Matches(handler, 99, "other", "node7"));
-  EXPECT_TRUE(Matches(handler, 99, "other", ""));
-}
-
 TEST(KelMsgSimpleDisconnectHandlerDeathTest, DefaultBehaviourExitsWithStatusZero) {
   Handler handler;
   handler.SetWatchApplication("Solver", 4711, "node7");
   EXPECT_EXIT(handler.DetectDisconnection(4711, "x", "NODE7", "alice"),
               ::testing::ExitedWithCode(0),
               "^" + Trace(4711, "x", "NODE7", "alice") + kConfirmExit + "$");
+}
+
+// Made fully buffered, standard error shows whether the handler flushes each
+// trace line itself, as a process that dies right after needs.
+TEST(KelMsgSimpleDisconnectHandlerDeathTest, TraceLinesAreOutBeforeTheProcessDies) {
+  EXPECT_EXIT(
+      {
+        std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
+        Handler().DetectDisconnection(1, "other", "host", "user");
+        std::_Exit(3);
+      },
+      ::testing::ExitedWithCode(3), "^" + Trace(1, "other", "host", "user") + "$");
 }
 
 }  // namespace

@@ -1,94 +1,78 @@
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "ScratchDirectory.h"
+#include "TestFiles.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string Text(const KelString& string) {
-  return string.GetUTF8();
-}
-
 class KelMsgPathExplorerTest : public ::testing::Test {
  protected:
-  KelMsgPathExplorerTest() : m_base(m_scratch.Path().c_str()) {
-    fs::create_directories(m_scratch / "jobs/job42");
-  }
+  KelMsgPathExplorerTest() { fs::create_directories(m_scratch / "jobs/job42"); }
 
   ScratchDirectory m_scratch;
-  const KelString m_base;
+  const std::string m_base = m_scratch.Path();
 };
 
 TEST_F(KelMsgPathExplorerTest, FormPathPutsTheFileInTheJobDirectoryInTheBase) {
-  const std::string base = m_scratch.Path().string();
   const struct {
     KelString base, job, file;
     std::string path;
   } cases[] = {
-      {m_base, "jobs/job42", "mesh.dat", base + "/jobs/job42/mesh.dat"},
+      {m_base.c_str(), "jobs/job42", "mesh.dat", m_base + "/jobs/job42/mesh.dat"},
       {"/base/", "./job//", "sub/../mesh.dat", "/base/job/mesh.dat"},
-      {m_base, "/elsewhere/job", "mesh.dat", "/elsewhere/job/mesh.dat"},
-      {m_base, "jobs/job42", "/tmp/mesh.dat", "/tmp/mesh.dat"},
-      {m_base, "", "mesh.dat", base + "/mesh.dat"},
-      {m_base, KelString(), KelString(), base},
+      {m_base.c_str(), "/elsewhere/job", "mesh.dat", "/elsewhere/job/mesh.dat"},
+      {m_base.c_str(), "jobs/job42", "/tmp/mesh.dat", "/tmp/mesh.dat"},
+      {m_base.c_str(), "", "mesh.dat", m_base + "/mesh.dat"},
+      {m_base.c_str(), KelString(), KelString(), m_base},
   };
   for (const auto& c : cases)
-    EXPECT_EQ(Text(KelMsgPathExplorer::FormPath(c.base, c.job, c.file)), c.path);
+    EXPECT_STREQ(KelMsgPathExplorer::FormPath(c.base, c.job, c.file).GetUTF8(), c.path.c_str());
 
   const KelString stampName("job42");
-  EXPECT_EQ(Text(KelMsgPathExplorer::FormStampPath(m_base, "jobs/job42", stampName)),
-            base + "/jobs/job42/job42.stamp");
-  EXPECT_EQ(Text(stampName), "job42") << "the caller's string is left alone";
-}
-
-TEST_F(KelMsgPathExplorerTest, StampLifecycle) {
-  const std::string stamp = m_scratch / "jobs/job42/job42.stamp";
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "job42"));
-  EXPECT_EQ(KelMsgPathExplorer::StampPath(m_base, "jobs/job42", "job42"), 0);
-  ASSERT_TRUE(fs::is_regular_file(stamp));
-  std::ofstream(stamp) << "left behind";
-  EXPECT_EQ(KelMsgPathExplorer::StampPath(m_base, "jobs/job42", "job42"), 0);
-  EXPECT_EQ(fs::file_size(stamp), 0U) << "a stamp is empty, also when stamped again";
-  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "job42"));
-  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "job42"))
-      << "testing must not remove the stamp";
-  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(m_base, "jobs/job42", "job42"), 0);
-  EXPECT_FALSE(fs::exists(stamp));
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "job42"));
+  EXPECT_STREQ(KelMsgPathExplorer::FormStampPath(m_base.c_str(), "jobs/job42", stampName).GetUTF8(),
+               (m_base + "/jobs/job42/job42.stamp").c_str());
+  EXPECT_STREQ(stampName.GetUTF8(), "job42") << "the caller's string is left alone";
 }
 
 // Two applications name one directory differently: one through a symbolic
 // link to the other's base directory, the other through the real path.
-TEST_F(KelMsgPathExplorerTest, TriplesThroughALinkNameTheSameDirectory) {
-  fs::create_symlink(m_scratch.Path(), m_scratch / "linked-base");
-  const KelString linkedBase((m_scratch / "linked-base").c_str());
+TEST_F(KelMsgPathExplorerTest, AStampMadeThroughALinkShowsThroughTheRealPathUntilRemoved) {
+  fs::create_symlink(m_scratch.Path(), m_scratch / "linked");
   fs::create_directories(m_scratch / "jobs/other");
-
-  KelMsgPathExplorer::StampPath(linkedBase, "jobs/job42", "handshake");
-  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "handshake"));
-  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/other/../job42", "handshake"));
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/other", "handshake"));
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(m_base, "jobs/job42", "Handshake"));
-
-  KelMsgPathExplorer::RemoveStampFile(m_base, "jobs/job42", "handshake");
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(linkedBase, "jobs/job42", "handshake"));
+  const KelString base(m_base.c_str());
+  const KelString linked((m_scratch / "linked").c_str());
+  const std::string stamp = m_scratch / "jobs/job42/handshake.stamp";
+  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(base, "jobs/job42", "handshake"));
+  EXPECT_EQ(KelMsgPathExplorer::StampPath(linked, "jobs/job42", "handshake"), 0);
+  WriteFile(stamp, "left behind");
+  EXPECT_EQ(KelMsgPathExplorer::StampPath(linked, "jobs/job42", "handshake"), 0);
+  EXPECT_EQ(fs::file_size(stamp), 0U) << "a stamp is empty, also when stamped again";
+  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(base, "jobs/job42", "handshake"));
+  EXPECT_TRUE(KelMsgPathExplorer::IsSharedPath(base, "jobs/other/../job42", "handshake"))
+      << "testing must not remove the stamp";
+  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(base, "jobs/other", "handshake"));
+  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(base, "jobs/job42", "Handshake"));
+  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(base, "jobs/job42", "handshake"), 0);
+  EXPECT_FALSE(fs::exists(stamp));
+  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(linked, "jobs/job42", "handshake"));
 }
 
 TEST_F(KelMsgPathExplorerTest, MissingStampsAndDirectoriesAreNoError) {
+  const KelString base(m_base.c_str());
   const std::string neighbour = m_scratch / "jobs/job42/job42";
-  std::ofstream(neighbour) << "keep";
-  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(m_base, "jobs/job42", "job42"), 0);
+  WriteFile(neighbour, "keep");
+  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(base, "jobs/job42", "job42"), 0);
   EXPECT_TRUE(fs::exists(neighbour));
-  EXPECT_EQ(KelMsgPathExplorer::StampPath(m_base, "no/such/job", "job42"), 0);
-  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(m_base, "no/such/job", "job42"));
-  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(m_base, "no/such/job", "job42"), 0);
+  EXPECT_EQ(KelMsgPathExplorer::StampPath(base, "no/such/job", "job42"), 0);
+  EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(base, "no/such/job", "job42"));
+  EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(base, "no/such/job", "job42"), 0);
   EXPECT_FALSE(fs::exists(m_scratch / "no"));
 }
 

@@ -48,43 +48,29 @@ TEST(KelMsgPortFinderParseTest, WalksEveryRangeThatReadsInOrderAndStartsAgain) {
     EXPECT_EQ(Candidates(portList, 3), (Ports{0, 0, 0})) << "list \"" << portList << "\"";
 }
 
-class KelMsgPortFinderProbeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    m_ports = HoldAdjacentPorts();
-    ASSERT_NE(m_ports.low, nullptr) << "no two adjacent free ports";
-    m_low = m_ports.low->Port();
-    m_portList = std::to_string(m_low) + "-" + std::to_string(m_low + 1);
+// Two adjacent ports, the low one held: the probe passes over it, gives the
+// port it found up again, starts again after the last range, and gives up
+// after one cycle of candidates, also when ranges overlap.
+TEST(KelMsgPortFinderProbeTest, ProbesOnFromTheLastCandidateForOneCycle) {
+  HeldPortPair ports = HoldAdjacentPorts();
+  ASSERT_NE(ports.low, nullptr) << "no two adjacent free ports";
+  const int low = ports.low->Port();
+  const std::string portList = std::to_string(low) + "-" + std::to_string(low + 1);
+  for (const std::string& list : {portList, portList + "," + portList}) {
+    KelMsgPortFinder finder{DovUnicodeString(list.c_str())};
+    EXPECT_EQ(finder.FindOpenPort(), 0) << list;
+    EXPECT_EQ(finder.GetPort(), low) << list << ": the search handed out each candidate once";
+    EXPECT_EQ(finder.GetPort(), low + 1) << list;
   }
 
-  KelMsgPortFinder Finder() const { return KelMsgPortFinder(DovUnicodeString(m_portList.c_str())); }
-
-  HeldPortPair m_ports;
-  int m_low = 0;
-  std::string m_portList;
-};
-
-TEST_F(KelMsgPortFinderProbeTest, ProbesOnFromTheLastCandidateSkippingHeldPorts) {
-  m_ports.high->Close();
-  KelMsgPortFinder finder = Finder();
-  EXPECT_EQ(finder.FindOpenPort(), m_low + 1) << "the low port is held";
-  EXPECT_TRUE(ListeningSocket(static_cast<std::uint16_t>(m_low + 1)).IsListening())
+  ports.high->Close();
+  KelMsgPortFinder finder{DovUnicodeString(portList.c_str())};
+  EXPECT_EQ(finder.FindOpenPort(), low + 1) << "the low port is held";
+  EXPECT_TRUE(ListeningSocket(static_cast<std::uint16_t>(low + 1)).IsListening())
       << "the probe gave the port up again";
-  m_ports.low->Close();
-  EXPECT_EQ(finder.FindOpenPort(), m_low) << "the candidate after the last range is its first";
-  EXPECT_EQ(finder.FindOpenPort(), m_low + 1);
-}
-
-TEST_F(KelMsgPortFinderProbeTest, GivesUpAfterOneFullCycle) {
-  KelMsgPortFinder finder = Finder();
-  EXPECT_EQ(finder.FindOpenPort(), 0);
-  EXPECT_EQ(finder.GetPort(), m_low) << "the search handed out each candidate once";
-
-  const std::string twice = m_portList + "," + m_portList;
-  KelMsgPortFinder overlapping{DovUnicodeString(twice.c_str())};
-  EXPECT_EQ(overlapping.FindOpenPort(), 0);
-  EXPECT_EQ(overlapping.GetPort(), m_low);
-  EXPECT_EQ(overlapping.GetPort(), m_low + 1);
+  ports.low->Close();
+  EXPECT_EQ(finder.FindOpenPort(), low) << "the candidate after the last range is its first";
+  EXPECT_EQ(finder.FindOpenPort(), low + 1);
 }
 
 TEST(KelMsgPortFinderEmptyTest, WithoutRangesTheSystemChoosesAFreePort) {

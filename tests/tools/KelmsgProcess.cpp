@@ -4,9 +4,10 @@
 #include <pty.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
 #include <thread>
+
+#include "TestFiles.h"
 
 namespace {
 
@@ -33,12 +34,8 @@ ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
   const std::string err = files / "err";
   std::vector<char*> argv = Argv(arguments);
   return ChildProcess::Fork([&] {
-    const int outFile = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int errFile = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (outFile < 0 || errFile < 0)
-      return 126;
-    dup2(outFile, STDOUT_FILENO);
-    dup2(errFile, STDERR_FILENO);
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
+    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
     return ExecKelmsg(workingDirectory, argv);
   });
 }
@@ -62,22 +59,18 @@ bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::millisec
   }
 }
 
-std::optional<int> KelmsgProcess::ExitCode(std::chrono::milliseconds limit) {
-  return m_process.ExitCode(limit);
-}
-
 std::string KelmsgProcess::Out() const {
-  return FileContent(m_files / "out");
+  return ReadFile(m_files / "out");
 }
 
 std::string KelmsgProcess::Err() const {
-  return FileContent(m_files / "err");
+  return ReadFile(m_files / "err");
 }
 
 KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
-                       const std::string& workingDirectory, std::chrono::milliseconds limit) {
+                       const std::string& workingDirectory) {
   KelmsgProcess kelmsg(arguments, workingDirectory);
-  const std::optional<int> status = kelmsg.ExitCode(limit);
+  const std::optional<int> status = kelmsg.ExitCode();
   return {status, kelmsg.Out(), kelmsg.Err()};
 }
 
@@ -89,7 +82,6 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
     return "";
   std::vector<char*> argv = Argv(arguments);
   ChildProcess kelmsg = ChildProcess::Fork([&] {
-    close(terminal);
     dup2(slave, STDOUT_FILENO);
     return ExecKelmsg(workingDirectory, argv);
   });
@@ -97,24 +89,14 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   // Drain the terminal while kelmsg runs, so that it never blocks on a full one.
   std::string output;
   char buffer[4096];
-  ssize_t got;
-  while ((got = read(terminal, buffer, sizeof buffer)) > 0)
-    output.append(buffer, got);
+  for (ssize_t got; (got = read(terminal, buffer, sizeof buffer)) > 0;)
+    output.append(buffer, static_cast<std::size_t>(got));
   close(terminal);
   status = kelmsg.ExitCode(30s);
   return output;
 }
 
 int LineCount(const std::string& text) {
-  int lines = 0;
-  for (char c : text)
-    lines += c == '\n';
-  return lines + (!text.empty() && text.back() != '\n');
-}
-
-std::string FileContent(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return static_cast<int>(std::count(text.begin(), text.end(), '\n')) +
+         (!text.empty() && text.back() != '\n');
 }

@@ -4,8 +4,6 @@
 #ifndef KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 #define KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
@@ -27,9 +25,10 @@ class KelmsgProcess {
   bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit = 10s);
   // The exit code, or nothing when the process still runs after `limit` or
   // was ended by a signal.
-  std::optional<int> ExitCode(std::chrono::milliseconds limit = 30s);
+  std::optional<int> ExitCode(std::chrono::milliseconds limit = 30s) {
+    return m_process.ExitCode(limit);
+  }
   void Signal(int signal) { m_process.Signal(signal); }
-  pid_t Pid() const { return m_process.Pid(); }
 
   std::string Out() const;
   std::string Err() const;
@@ -45,10 +44,9 @@ struct KelmsgResult {
   std::string err;
 };
 
-// Runs kelmsg to its end, at most `limit`.
+// Runs kelmsg to its end, at most 30 s.
 KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
-                       const std::string& workingDirectory = "",
-                       std::chrono::milliseconds limit = 30s);
+                       const std::string& workingDirectory = "");
 
 // Runs kelmsg to its end with a terminal as its standard output, and returns
 // what it wrote there; the status goes to `status`.
@@ -57,8 +55,5 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
 
 // The number of lines of `text` (a last line without newline counts).
 int LineCount(const std::string& text);
-
-// The whole content of a file, "" when it cannot be read.
-std::string FileContent(const std::string& path);
 
 #endif  // KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_

@@ -65,8 +65,7 @@ void Serve(const ServeOptions& options) {
   session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&engine));
   int killed = -1;
   session.Handle(new KelMsgProcessControlType, new KillHandler(killed));
-  std::printf("serving files as %s from %s\n", session.Application().c_str(),
-              fs::current_path().c_str());
+  std::printf("serving files as %s from %s\n", session.Application(), fs::current_path().c_str());
   std::fflush(stdout);
   session.Wait(killed, {});
 }
@@ -135,7 +134,7 @@ class TransferSession {
   }
 
   KelMsgFileTransfer& Engine() { return m_engine; }
-  const char* Application() const { return m_session.Application().c_str(); }
+  const char* Application() const { return m_session.Application(); }
 
  private:
   ChunkTap m_tap;

@@ -62,7 +62,7 @@ void Listen(const ListenOptions& options) {
   session.Handle(new KelMsgAnalysisMessageType, new CountedPrinter(countdown));
   session.Handle(new KelMsgProcessControlType, new CountedPrinter(countdown));
   session.Handle(new KelMsgFileTransferType, new CountedPrinter(countdown));
-  std::printf("listening as %s\n", session.Application().c_str());
+  std::printf("listening as %s\n", session.Application());
   std::fflush(stdout);
   session.Wait(countdown.done, {});
 }

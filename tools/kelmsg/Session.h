@@ -1,12 +1,8 @@
-// Session: this process on the bus as one application, for the lifetime of
-// the object.
-//
-// Construction starts the library, registers a communicator with the bus
-// that KELBUS_URL names, declares the application (a name that a live
-// process holds is refused), makes the name the message identifier, as the
-// file transfer requires, and switches receiving on.  Destruction closes the
-// communicator, which tells the other applications that this one has left,
-// deletes every adopted prototype and handler, and shuts the library down.
+// Session: a subcommand's application on the bus (KelMsgBBApplication, whose
+// name a live process may not hold already), with failures turned into
+// CommandFailure and the registry of what the subcommand adopted.
+// Destruction leaves the bus first, then deletes every adopted prototype and
+// handler.
 //
 // One session per process: the registry it fills is process-wide.
 #ifndef KELMSG_TOOLS_KELMSG_SESSION_H_
@@ -15,6 +11,7 @@
 #include <chrono>
 #include <string>
 
+#include <KelMsgFeaMessaging/KelMsgBBApplication.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 
 class KelMsgBBMessage;
@@ -27,12 +24,9 @@ class Session {
 
   // Throws CommandFailure when the bus cannot be joined under `application`.
   explicit Session(const std::string& application);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
 
-  const std::string& Application() const { return m_application; }
-  int Communicator() const { return m_communicator; }
+  const char* Application() const { return m_application.Name(); }
+  int Communicator() const { return m_application.Communicator(); }
 
   // Receives the messages of the prototype's type with `handler`; both are
   // adopted.
@@ -48,16 +42,8 @@ class Session {
   WaitEnd Wait(int& flag, std::chrono::seconds limit) const;
 
  private:
-  // Brings the library up first and takes it down last.
-  struct LibraryModules {
-    LibraryModules();
-    ~LibraryModules();
-  };
-
-  LibraryModules m_modules;
-  std::string m_application;
-  int m_communicator = 0;
   KelMsgBBCallbackManager m_registry;  // deletes what Handle adopted
+  KelMsgBBApplication m_application;
 };
 
 // "kelmsg-<command>-<process id>": the application name of a subcommand
