@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
-  libmosquitto-dev mosquitto
+  libmosquitto-dev mosquitto mosquitto-clients
   libpugixml-dev libcli11-dev
   clang libclang-rt-14-dev
 )

@@ -1,7 +1,7 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
 // processes, a receiver slower than its sender, fifty processes at once, a
-// foreign MQTT client that publishes garbage to an application, and a
+// foreign MQTT client (mosquitto_pub) that publishes garbage to an application, and a
 // message relayed across three processes.
 //
 // The processes are kelmsg_test_peer programs (tests/support/TestPeer.cpp)
@@ -23,7 +23,6 @@
 #include <gtest/gtest.h>
 
 #include "PeerController.h"
-#include "RawMqttClient.h"
 #include "ScratchDirectory.h"
 #include "TestBroker.h"
 #include "TestFiles.h"
@@ -238,16 +237,17 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   ChildProcess collector = Start("collector");
   ASSERT_TRUE(m_controller->TakeAnswer("collector", "ready", 30s));
 
-  RawMqttClient raw(m_broker.Port());
-  ASSERT_TRUE(raw.Connected());
   std::string expected;
   for (const auto& [type, payload, report] : garbage) {
-    ASSERT_TRUE(raw.Publish(std::string(kNameSpace) + "/a/collector", payload.data(),
-                            static_cast<int>(payload.size()), type));
+    WriteFile(Path("payload"), payload);
+    ChildProcess publisher =
+        ChildProcess::Exec({KELMSG_MOSQUITTO_PUB, "-p", std::to_string(m_broker.Port()), "-V",
+                            "mqttv5", "-q", "1", "-t", std::string(kNameSpace) + "/a/collector",
+                            "-D", "publish", "content-type", type, "-f", Path("payload")});
+    ASSERT_EQ(publisher.ExitCode(10s), 0) << type;
     if (!report.empty())
       expected += "report AssertionFailed:" + report + "\n";
   }
-  ASSERT_TRUE(raw.Flush(10s));
   expected +=
       "delivered KelMsgStringType from raw: hello\n"
       "delivered KelMsgAnalysisMessageType from raw\n";

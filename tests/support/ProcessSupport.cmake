@@ -7,8 +7,3 @@ target_compile_definitions(kelmsg_process_support PRIVATE
   KELMSG_BROKER_CONFIGURATION="${PROJECT_SOURCE_DIR}/config/kelbus-mosquitto.conf")
 target_link_libraries(kelmsg_process_support PUBLIC kelmsg_launch PRIVATE kelmsg_warnings)
 
-# kelmsg_raw_mqtt: a plain libmosquitto client, for the foreign client of the
-# fault tests and the baselines of the bus benchmark.
-add_library(kelmsg_raw_mqtt STATIC ${CMAKE_CURRENT_LIST_DIR}/RawMqttClient.cpp)
-target_include_directories(kelmsg_raw_mqtt PUBLIC ${CMAKE_CURRENT_LIST_DIR})
-target_link_libraries(kelmsg_raw_mqtt PRIVATE KelBus PkgConfig::MOSQUITTO kelmsg_warnings)

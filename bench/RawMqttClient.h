@@ -1,6 +1,5 @@
-// A plain MQTT 5 client: libmosquitto without the bus.  The fault tests use
-// it as a foreign process that publishes whatever bytes it likes to an
-// application's topic; the bus benchmark measures its baselines with it.
+// A plain MQTT 5 client: libmosquitto without the bus.  The benchmarks
+// measure their baselines with it.
 //
 // Built like the bus's own connections, so that the two compare fairly:
 // MQTT 5, TCP_NODELAY, QoS 1, a network thread of its own, and a send window
@@ -9,8 +8,8 @@
 //   RawMqttClient client(port, [](const std::string& topic, const char* bytes, int size) {...});
 //   client.Subscribe("suite/a/solver");
 //   client.Publish("suite/a/monitor", bytes, size, "KelMsgStringType");
-#ifndef KELMSG_TESTS_SUPPORT_RAWMQTTCLIENT_H_
-#define KELMSG_TESTS_SUPPORT_RAWMQTTCLIENT_H_
+#ifndef KELMSG_BENCH_RAWMQTTCLIENT_H_
+#define KELMSG_BENCH_RAWMQTTCLIENT_H_
 
 #include <chrono>
 #include <condition_variable>
@@ -70,4 +69,4 @@ class RawMqttClient {
   std::set<int> m_earlyAcknowledgements;  // acknowledged before Publish recorded them
 };
 
-#endif  // KELMSG_TESTS_SUPPORT_RAWMQTTCLIENT_H_
+#endif  // KELMSG_BENCH_RAWMQTTCLIENT_H_
