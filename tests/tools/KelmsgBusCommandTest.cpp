@@ -12,11 +12,15 @@
 
 namespace {
 
+// find-port and bus both pass over the held port to the free one beside it.
 TEST(KelmsgBus, ServesTheBusUntilStopped) {
   const HeldPortPair held = HoldAdjacentPorts();
   ASSERT_TRUE(held.low) << "no two adjacent free ports";
   const int free = held.high->Port();
   held.high->Close();
+  const KelmsgResult found =
+      RunKelmsg({"find-port", std::to_string(held.low->Port()) + "-" + std::to_string(free)});
+  EXPECT_EQ(found.out, std::to_string(free) + "\n") << found.err;
   KelmsgProcess bus(
       {"bus", "--ports", std::to_string(held.low->Port()) + "," + std::to_string(free)});
   const std::string url = "mqtt://127.0.0.1:" + std::to_string(free);

@@ -1,27 +1,15 @@
-// find-port, stamp, shared and unstamp, as a shell script uses them.
+// stamp, shared and unstamp, as a shell script uses them.
 #include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "KelmsgProcess.h"
-#include "ListeningSocket.h"
 #include "ScratchDirectory.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-TEST(KelmsgPathCommands, FindPortPassesOverATakenPort) {
-  const HeldPortPair held = HoldAdjacentPorts();
-  ASSERT_TRUE(held.low) << "no two adjacent free ports";
-  const std::string high = std::to_string(held.high->Port());
-  held.high->Close();
-  const KelmsgResult found =
-      RunKelmsg({"find-port", std::to_string(held.low->Port()) + "-" + high});
-  EXPECT_EQ(found.status, 0) << found.err;
-  EXPECT_EQ(found.out, high + "\n");
-}
 
 // Two names for one directory, the real one and a symbolic link to it, and
 // another directory; relative bases are read against the working directory.
