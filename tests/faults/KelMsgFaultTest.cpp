@@ -1,8 +1,8 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
 // processes, a receiver slower than its sender, fifty processes at once, a
-// foreign MQTT client (mosquitto_pub) that publishes garbage to an application, and a
-// message relayed across three processes.
+// plain MQTT client (mosquitto_pub) that publishes garbage to an
+// application, and a message relayed across three processes.
 //
 // The processes are kelmsg_test_peer programs (tests/support/TestPeer.cpp)
 // that this process steers through the bus as their controller.
@@ -240,10 +240,10 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   std::string expected;
   for (const auto& [type, payload, report] : garbage) {
     WriteFile(Path("payload"), payload);
-    ChildProcess publisher =
-        ChildProcess::Exec({KELMSG_MOSQUITTO_PUB, "-p", std::to_string(m_broker.Port()), "-V",
-                            "mqttv5", "-q", "1", "-t", std::string(kNameSpace) + "/a/collector",
-                            "-D", "publish", "content-type", type, "-f", Path("payload")});
+    ChildProcess publisher = ChildProcess::Exec(
+        {KELMSG_MOSQUITTO_PUB, "-h", "127.0.0.1", "-p", std::to_string(m_broker.Port()), "-V",
+         "mqttv5", "-q", "1", "-t", std::string(kNameSpace) + "/a/collector", "-D", "publish",
+         "content-type", type, "-f", Path("payload")});
     ASSERT_EQ(publisher.ExitCode(10s), 0) << type;
     if (!report.empty())
       expected += "report AssertionFailed:" + report + "\n";
