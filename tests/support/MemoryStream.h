@@ -3,6 +3,7 @@
 #ifndef KELMSG_TESTS_SUPPORT_MEMORYSTREAM_H_
 #define KELMSG_TESTS_SUPPORT_MEMORYSTREAM_H_
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 

@@ -25,6 +25,12 @@ constexpr std::array<KelString KelMsgFileTransferData::*, 8> kNames = {
 // m_dataType, the eight name counts, m_chunkId and m_chunkSize.
 constexpr int kFixedBytes = 4 + 8 * 4 + 4 + 4;
 
+// A chunk size of 0 or less carries no bytes, on the wire as in the record: a
+// peer may send a negative one, and a forwarder sends it on as it came.
+int ChunkBytes(std::int32_t chunkSize) {
+  return chunkSize > 0 ? chunkSize : 0;
+}
+
 }  // namespace
 
 KelMsgFileTransferType::KelMsgFileTransferType()
@@ -43,15 +49,14 @@ void KelMsgFileTransferType::ReleaseOwnedChunk() noexcept {
 }
 
 int KelMsgFileTransferType::RequiredBufferSize() const {
-  int size = kFixedBytes + m_record.m_chunkSize;
+  int size = kFixedBytes + ChunkBytes(m_record.m_chunkSize);
   for (const auto name : kNames)
     size += (m_record.*name).GetLengthInByte();
   return size;
 }
 
 void KelMsgFileTransferType::Stream(void* buffer, int size) const {
-  KELMSG_ASSERT(m_record.m_chunkSize >= 0);
-  KELMSG_ASSERT(m_record.m_chunkData != nullptr || m_record.m_chunkSize == 0);
+  KELMSG_ASSERT(m_record.m_chunkData != nullptr || m_record.m_chunkSize <= 0);
   KELMSG_ASSERT(size >= RequiredBufferSize());
   KelMsgPayloadWriter payload(buffer, 0);
   payload.WriteInt32(m_record.m_dataType);
@@ -59,7 +64,7 @@ void KelMsgFileTransferType::Stream(void* buffer, int size) const {
     payload.WriteCountedString(m_record.*name);
   payload.WriteInt32(m_record.m_chunkId);
   payload.WriteInt32(m_record.m_chunkSize);
-  payload.WriteBytes(m_record.m_chunkData, m_record.m_chunkSize);
+  payload.WriteBytes(m_record.m_chunkData, ChunkBytes(m_record.m_chunkSize));
   const int offset = payload.Offset();
   KELMSG_ASSERT(offset == RequiredBufferSize());
 }
@@ -72,7 +77,7 @@ void KelMsgFileTransferType::Unstream(const void* buffer, int size) {
     payload.ReadCountedString(name);
   const std::int32_t chunkId = payload.ReadInt32();
   const std::int32_t chunkSize = payload.ReadInt32();
-  const char* chunk = payload.ReadBytes(chunkSize);
+  const char* chunk = payload.ReadBytes(ChunkBytes(chunkSize));
   if (!payload.ExpectEnd())
     return;
 

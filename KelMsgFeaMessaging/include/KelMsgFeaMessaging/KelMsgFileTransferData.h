@@ -49,7 +49,8 @@ class KelMsgFileTransferData {
   KelString m_targetFileName;
   // Number of the chunk carried; -1 in completions.
   std::int32_t m_chunkId = 0;
-  // Bytes at m_chunkData; 0 when there are none; never negative when sent.
+  // Bytes at m_chunkData; 0 or less when there are none (the engine sends 0;
+  // a peer may send a negative count).
   std::int32_t m_chunkSize = 0;
   char* m_chunkData = nullptr;
 };

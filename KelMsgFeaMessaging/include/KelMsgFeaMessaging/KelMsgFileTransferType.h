@@ -6,8 +6,8 @@
 //
 // Payload (integers signed 32-bit little-endian, no gaps): m_dataType; the
 // eight names in record order, each as a counted string (a byte count, then
-// the UTF-8 bytes); m_chunkId; m_chunkSize; m_chunkSize chunk bytes.  A
-// default record is 44 zero bytes.
+// the UTF-8 bytes); m_chunkId; m_chunkSize; m_chunkSize chunk bytes, none
+// when it is 0 or less.  A default record is 44 zero bytes.
 //
 // Chunk bytes: when sending, m_chunkData is lent by whoever filled the record
 // and the message frees nothing.  Unstream copies received bytes into an
@@ -36,16 +36,17 @@ class KelMsgFileTransferType : public KelMsgBBMessage {
   KelMsgFileTransferData& Data() noexcept { return m_record; }
   const KelMsgFileTransferData& Data() const noexcept { return m_record; }
 
-  // 44 + the byte counts of the eight names + m_chunkSize.
+  // 44 + the byte counts of the eight names + the chunk bytes.
   int RequiredBufferSize() const override;
   // Writes the payload at `buffer`.
-  // Preconditions (the process ends otherwise): m_chunkSize >= 0, and
-  // m_chunkData is not null unless m_chunkSize is 0.
+  // Precondition (the process ends otherwise): m_chunkData is not null when
+  // m_chunkSize is 1 or more.
   void Stream(void* buffer, int size) const override;
   // Fills the record from a payload.  Chunk bytes, when m_chunkSize is 1 or
   // more, are copied into an allocation the message owns; bytes it owned
-  // before are freed.  A payload whose counts are negative, run past its end
-  // or leave bytes over is refused and leaves the record unchanged.
+  // before are freed.  A payload whose name counts are negative, whose counts
+  // run past its end or that leaves bytes over is refused and leaves the
+  // record unchanged.
   void Unstream(const void* buffer, int size) override;
   // A message with the default record: nothing is copied.
   KelMsgBBMessage* Clone() const override;

@@ -1,0 +1,178 @@
+// The registry: the envelope around each message sent, dispatch of each one
+// received to its handler as a clone, refusal of what another process got
+// wrong, and ownership of what it adopts.
+#include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
+#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
+#include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <gtest/gtest.h>
+
+#include "FatalErrorCapture.h"
+
+namespace {
+
+using Manager = KelMsgBBCallbackManager;
+using Strings = std::vector<std::string>;
+
+std::string Int32(std::int32_t value) {
+  return std::string(reinterpret_cast<const char*>(&value), 4);
+}
+
+// Probes and recorders alive, so that a test sees each one deleted.
+int g_live = 0;
+// What the recorders were handed: "identifier|payload", and the message.
+Strings g_seen;
+const KelMsgBBMessage* g_handed = nullptr;
+
+class Probe : public KelMsgStringType {
+ public:
+  Probe() { ++g_live; }
+  ~Probe() override { --g_live; }
+  KelMsgBBMessage* Clone() const override { return new Probe; }
+};
+
+class Recorder : public KelMsgBBMessageHandler {
+ public:
+  Recorder() { ++g_live; }
+  ~Recorder() override { --g_live; }
+  void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
+    std::string payload(static_cast<std::size_t>(msg.RequiredBufferSize()), '\0');
+    msg.Stream(payload.data(), static_cast<int>(payload.size()));
+    g_seen.push_back(id + ("|" + payload));
+    g_handed = &msg;
+  }
+};
+
+// The buffer the bus carries for `msg`: sized, then written by the registry.
+std::string Framed(const KelMsgBBMessage& msg) {
+  Manager::AppendMessageToSend(&msg);
+  std::string buffer(static_cast<std::size_t>(Manager::RequiredBufferSizeOfPendingMessage()), '?');
+  Manager::StreamPendingMessage(buffer.data(), static_cast<int>(buffer.size()));
+  return buffer;
+}
+
+// Hands the registry a copy of exactly `buffer.size()` bytes, so that the
+// sanitizer sees any read past its end.
+void Dispatch(const std::string& buffer, const char* type = "KelMsgStringType") {
+  const std::unique_ptr<char[]> exact(new char[buffer.size()]);
+  buffer.copy(exact.get(), buffer.size());
+  Manager::HandleMessage(type, exact.get(), static_cast<int>(buffer.size()));
+}
+
+class Registry : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Manager::AdoptPrototypeAndHandler(m_proto = new Probe, new Recorder);
+    Manager::AdoptPrototypeAndHandler(new KelMsgAnalysisMessageType, new Recorder);
+  }
+  void TearDown() override {
+    { Manager teardown; }
+    Manager::SetMessageID("");
+    Manager::AppendMessageToSend(nullptr);
+    Manager::AssociateDisconnectHandler(nullptr);
+    g_seen.clear();
+  }
+  Probe* m_proto = nullptr;
+};
+
+TEST_F(Registry, EachMessageTravelsBehindTheIdentifierAndReachesTheHandlerAsAClone) {
+  // identifier, payload
+  const std::pair<const char*, std::string> cases[] = {
+      {"", std::string("x\0z", 3)}, {"job-1", ""}, {"\xC3\xA9", "x"}};
+  for (const auto& [id, payload] : cases) {
+    Manager::SetMessageID(id);
+    KelMsgStringType outgoing;
+    outgoing.SetData(payload.data(), static_cast<int>(payload.size()));
+    const std::string buffer = Framed(outgoing);
+    EXPECT_EQ(buffer, Int32(static_cast<std::int32_t>(std::strlen(id))) + id + payload);
+    EXPECT_STREQ(Manager::TypeOfPendingMessage(), "KelMsgStringType");
+    const int live = g_live;
+    Dispatch(buffer);
+    EXPECT_EQ(g_live, live) << "the clone is deleted once handled";
+    EXPECT_NE(g_handed, m_proto);
+  }
+  EXPECT_EQ(g_seen, (Strings{std::string("|x\0z", 4), "job-1|", "\xC3\xA9|x"}));
+  EXPECT_EQ(m_proto->RequiredBufferSize(), 0) << "the prototype is never filled";
+}
+
+TEST_F(Registry, WhatAnotherProcessGotWrongIsReportedAndReachesNoHandler) {
+  const char* const kCount = "AssertionFailed:n >= 0 && n <= size - 4";
+  // type, buffer, report
+  const std::tuple<const char*, std::string, const char*> cases[] = {
+      {"KelMsgStringType", "", "AssertionFailed:size >= 4"},
+      {"KelMsgStringType", std::string(3, '\0'), "AssertionFailed:size >= 4"},
+      {"KelMsgStringType", Int32(-1) + "abc", kCount},
+      {"KelMsgStringType", Int32(4) + "abc", kCount},
+      {"KelMsgStringType", Int32(INT32_MIN) + "abc", kCount},
+      {"KelMsgAnalysisMessageType", Int32(0) + Int32(5) + "<a/>",
+       "AssertionFailed:byteCount <= bytesLeft"},
+      {"Unknown", Int32(0) + "x", "AssertionFailed:m_protos.IsMember(type)"}};
+  const int live = g_live;
+  for (const auto& [type, buffer, report] : cases) {
+    FatalErrorCapture capture;
+    Dispatch(buffer, type);
+    EXPECT_EQ(capture.Messages(), Strings{report}) << type << " " << buffer.size();
+  }
+  EXPECT_EQ(g_live, live) << "no clone is left over";
+  EXPECT_TRUE(g_seen.empty());
+  Dispatch(Int32(3) + "abc" + Int32(4) + "<a/>", "KelMsgAnalysisMessageType");
+  EXPECT_EQ(g_seen, Strings{"abc|" + Int32(4) + "<a/>"}) << "a refusal does not stick";
+}
+
+TEST_F(Registry, DestroyingARegistryDeletesEachAdoptedObjectOnce) {
+  auto* handler = new Recorder;
+  Manager::AdoptPrototypeAndHandler(new KelMsgProcessControlType, handler);
+  {
+    Manager registry;
+    EXPECT_EQ(registry.GetHandler("KelMsgProcessControlType"), handler);
+  }
+  EXPECT_EQ(g_live, 0);
+  for (const char* type : {"KelMsgStringType", "KelMsgProcessControlType"})
+    EXPECT_FALSE(Manager::IsMessageTypeHandled(type));
+}
+
+class NullClone : public KelMsgProcessControlType {
+  KelMsgBBMessage* Clone() const override { return nullptr; }
+};
+
+using RegistryDeathTest = Registry;
+
+TEST_F(RegistryDeathTest, BrokenContractsEndTheProcess) {
+  EXPECT_DEATH(Manager::AdoptPrototypeAndHandler(nullptr, nullptr),
+               "AssertionFailed:proto != NULL -- "
+               "KelMsgFeaMessaging/KelMsgBackbone.m/src/KelMsgBBCallbackManager, line [0-9]+");
+  EXPECT_DEATH(Manager::AdoptPrototypeAndHandler(new Probe, new Recorder),
+               "AssertionFailed:!m_protos.IsMember\\(type\\)");
+  EXPECT_DEATH(Manager().GetHandler("Unknown"), "AssertionFailed:m_protos.IsMember\\(type\\)");
+  EXPECT_DEATH(Manager::TypeOfPendingMessage(), "AssertionFailed:m_messageToSend != 0");
+  EXPECT_DEATH(Manager::RequiredBufferSizeOfPendingMessage(),
+               "AssertionFailed:m_messageToSend != 0");
+  char buffer[8];
+  EXPECT_DEATH(Manager::StreamPendingMessage(buffer, 8), "AssertionFailed:m_messageToSend != 0");
+  const KelMsgStringType empty;
+  Manager::AppendMessageToSend(&empty);
+  Manager::SetMessageID("job-1");
+  EXPECT_DEATH(Manager::StreamPendingMessage(buffer, 8),
+               "AssertionFailed:size >= kCountBytes \\+ n");
+  EXPECT_DEATH(Manager::Disconnection(1, "a", "h", "u"),
+               "AssertionFailed:m_disconnectHandler != 0");
+  Manager::AdoptPrototypeAndHandler(new NullClone, new Recorder);
+  EXPECT_DEATH(Dispatch(Int32(0), "KelMsgProcessControlType"), "AssertionFailed:msg != NULL");
+  Manager::AdoptPrototypeAndHandler(new KelMsgFileTransferType, nullptr);
+  EXPECT_DEATH(Dispatch(Int32(0) + std::string(44, '\0'), "KelMsgFileTransferType"),
+               "AssertionFailed:handler != NULL");
+}
+
+}  // namespace
