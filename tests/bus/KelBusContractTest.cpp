@@ -144,6 +144,7 @@ TEST_P(KelBusContract, EveryCallChecksItsArgumentsAndReportsItsResult) {
       {KELBUS_ERR_INVALID, [&] { return Send(m, "me", "tab\t", ""); }},
       {KELBUS_OK, [&] { return send("me"); }},
       {KELBUS_ERR_BAD_ID, [&] { return WaitingLoop(bad, 0, &watched); }},
+      {KELBUS_ERR_BAD_ID, [&] { return WaitingLoop(0, 0, &watched); }},
       {KELBUS_ERR_INVALID, [&] { return WaitingLoop(m, 0, nullptr); }},
       {KELBUS_OK, [&] { return WaitingLoop(m, 5000, &arrivals); }},
       {KELBUS_ERR_TIMEOUT, [&] { return WaitingLoop(m, 0, &watched); }},
