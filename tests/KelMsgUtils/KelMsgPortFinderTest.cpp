@@ -98,4 +98,16 @@ TEST(KelMsgPortFinderRangeTest, StopsWhereTheCandidatesLeaveTheSixteenBitPorts) 
   EXPECT_EQ(top.FindOpenPort(), 0);
 }
 
+// Every candidate taken: a search ends after a bounded number of probes
+// however often the list repeats the port.
+TEST(KelMsgPortFinderRangeTest, ASearchEndsWhenEveryCandidateOfAVeryLongListIsTaken) {
+  HeldPortPair ports = HoldAdjacentPorts();
+  ASSERT_NE(ports.low, nullptr) << "no two adjacent free ports";
+  std::string portList;
+  for (int i = 0; i < 70000; ++i)
+    portList += std::to_string(ports.low->Port()) + ",";
+  KelMsgPortFinder finder{DovUnicodeString(portList.c_str())};
+  EXPECT_EQ(finder.FindOpenPort(), 0);
+}
+
 }  // namespace
