@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,11 +27,6 @@ namespace {
 constexpr char kTester[] = "tester";
 constexpr char kJob[] = "job";
 constexpr std::chrono::seconds kLimit(60);
-
-// Open descriptors of this process: a transfer that leaves a file open shows.
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 
 // Notes every record that reaches the engine as "<data type> <source
 // application>", then hands it on.

@@ -50,7 +50,9 @@ TEST_F(KelMsgPathExplorerTest, AStampMadeThroughALinkShowsThroughTheRealPathUnti
   const KelString linked((m_scratch / "linked").c_str());
   const std::string stamp = m_scratch / "jobs/job42/handshake.stamp";
   EXPECT_FALSE(KelMsgPathExplorer::IsSharedPath(base, "jobs/job42", "handshake"));
+  const std::ptrdiff_t descriptors = OpenDescriptors();
   EXPECT_EQ(KelMsgPathExplorer::StampPath(linked, "jobs/job42", "handshake"), 0);
+  EXPECT_EQ(OpenDescriptors(), descriptors) << "the stamp was left open";
   WriteFile(stamp, "left behind");
   EXPECT_EQ(KelMsgPathExplorer::StampPath(linked, "jobs/job42", "handshake"), 0);
   EXPECT_EQ(fs::file_size(stamp), 0U) << "a stamp is empty, also when stamped again";

@@ -20,3 +20,8 @@ std::string RandomBytes(std::size_t size) {
     byte = static_cast<char>(random());
   return bytes;
 }
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator());
+}

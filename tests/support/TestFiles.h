@@ -3,6 +3,7 @@
 #ifndef KELMSG_TESTS_SUPPORT_TESTFILES_H_
 #define KELMSG_TESTS_SUPPORT_TESTFILES_H_
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -13,5 +14,8 @@ void WriteFile(const std::filesystem::path& path, const std::string& content);
 // `size` random bytes, the same for the same size, so that a chunk out of
 // place shows.
 std::string RandomBytes(std::size_t size);
+// Open descriptors of this process: an operation that leaves a file open
+// shows.
+std::ptrdiff_t OpenDescriptors();
 
 #endif  // KELMSG_TESTS_SUPPORT_TESTFILES_H_
