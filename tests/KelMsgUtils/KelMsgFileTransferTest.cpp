@@ -195,6 +195,11 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
   EXPECT_EQ(engine.ReceiveSendCompletion("nobody"), 0);
   EXPECT_EQ(engine.CloseFile(-1), 0);
+  // Chunks out of order abandon the transfer; they are answered like any.
+  EXPECT_EQ(engine.OpenFile("late", Mine("late").c_str(), false), 0);
+  EXPECT_EQ(engine.ReceiveChunk("late", 2, 0, nullptr), 0);
+  EXPECT_EQ(engine.ReceiveChunk("late", 1, 0, nullptr), 0);
+  EXPECT_EQ(engine.ReceiveSendCompletion("late"), 0);
   ASSERT_EQ(reports.Messages(),
             std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
