@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "FatalErrorCapture.h"
+#include "TextMessages.h"
 
 namespace {
 
@@ -36,7 +37,7 @@ std::string Int32(std::int32_t value) {
 
 // Probes and recorders alive, so that a test sees each one deleted.
 int g_live = 0;
-// What the recorders were handed: "identifier|payload".
+// What the recorders were handed, raw string messages all: "identifier|text".
 Strings g_seen;
 
 class Probe : public KelMsgStringType {
@@ -51,9 +52,7 @@ class Recorder : public KelMsgBBMessageHandler {
   Recorder() { ++g_live; }
   ~Recorder() override { --g_live; }
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    std::string payload(static_cast<std::size_t>(msg.RequiredBufferSize()), '\0');
-    msg.Stream(payload.data(), static_cast<int>(payload.size()));
-    g_seen.push_back(id + ("|" + payload));
+    g_seen.push_back(id + ("|" + TextOf(msg)));
   }
 };
 
