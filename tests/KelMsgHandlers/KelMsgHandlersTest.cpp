@@ -115,14 +115,14 @@ TEST(KelMsgSimpleDisconnectHandlerTest, MatchesTheExactNameOrThePidWithTheHostIn
   EXPECT_FALSE(Matches(handler, 4711, "Solver", "node7")) << "only the last name and pid count";
 }
 
-// Made fully buffered, standard error shows whether the handler flushes each
-// trace line itself, as a process that dies right after needs.
 TEST(KelMsgSimpleDisconnectHandlerDeathTest, ByDefaultAMatchExitsWithStatusZero) {
   Handler handler;
   handler.SetWatchApplication("Solver", 4711, "node7");
   EXPECT_EXIT(handler.DetectDisconnection(4711, "x", "NODE7", "alice"),
               ::testing::ExitedWithCode(0),
               "^" + Trace(4711, "x", "NODE7", "alice") + kConfirmExit + "$");
+  // Made fully buffered, standard error shows whether the handler flushes
+  // each trace line itself, as a process that dies right after needs.
   EXPECT_EXIT(
       {
         std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
