@@ -11,16 +11,16 @@
 #include <algorithm>
 #include <map>
 #include <random>
-#include <string>
 #include <utility>
 #include <vector>
 
 namespace {
 
 using IntMap = cow_Btree<int, int>;
-using Node = IntMap::Node;
 using Handle = IntMap::Handle;
 using Entries = std::vector<std::pair<int, int>>;
+// The handles that refer to each node.
+using Holders = std::map<const IntMap::Node*, std::vector<const Handle*>>;
 
 Entries Walk(const IntMap& map, bool forward) {
   Entries entries;
@@ -33,25 +33,16 @@ Entries Walk(const IntMap& map, bool forward) {
   return entries;
 }
 
-// The handles that refer to each node reachable from the maps.
-std::map<const Node*, std::vector<const Handle*>> Holders(const std::vector<IntMap>& maps) {
-  std::map<const Node*, std::vector<const Handle*>> holders;
-  std::vector<const Handle*> pending;
-  for (const IntMap& map : maps)
-    pending.push_back(map.Root());
-  while (!pending.empty()) {
-    const Handle* handle = pending.back();
-    pending.pop_back();
-    if (handle == nullptr)
-      continue;
-    auto& list = holders[handle->Referent()];
-    list.push_back(handle);
-    if (list.size() == 1) {
-      pending.push_back(handle->Referent()->Left());
-      pending.push_back(handle->Referent()->Right());
-    }
+// Adds `handle` and, on a node's first visit, the handles below it.
+void Collect(const Handle* handle, Holders& holders) {
+  if (handle == nullptr)
+    return;
+  auto& list = holders[handle->Referent()];
+  list.push_back(handle);
+  if (list.size() == 1) {
+    Collect(handle->Referent()->Left(), holders);
+    Collect(handle->Referent()->Right(), holders);
   }
-  return holders;
 }
 
 int HeightOf(const Handle* child) {
@@ -61,83 +52,64 @@ int HeightOf(const Handle* child) {
 TEST(CowBtree, BehavesLikeStdMapAcrossCopiesThatShareNodes) {
   std::mt19937 random(1);
   const auto pick = [&random](int bound) { return static_cast<int>(random() % bound); };
-  std::vector<IntMap> maps(3);
-  std::vector<std::map<int, int>> models(3);
+  std::vector<std::pair<IntMap, std::map<int, int>>> maps(3);
   for (int step = 0; step < 4000 && !HasFailure(); ++step) {
     SCOPED_TRACE(step);
     const int i = pick(3);
-    const int j = pick(3);
+    auto& [map, model] = maps[i];
     const int key = pick(64);
     const int value = pick(1000);
-    IntMap& map = maps[i];
-    std::map<int, int>& model = models[i];
     const int operation = pick(9);
     if (operation < 3) {
       EXPECT_EQ(map.InsertUnlessMember(key, value), model.emplace(key, value).second);
     } else if (operation < 5) {
       EXPECT_EQ(map.Remove(key), model.erase(key) == 1);
-    } else if (operation == 5) {
-      int* found = map.Find(key);
-      ASSERT_EQ(found != nullptr, model.count(key) == 1);
-      if (found != nullptr)
-        *found = model[key] = value;
-    } else if (operation == 6) {
+    } else if (operation < 7) {
+      const bool member = model.count(key) == 1;
       const int* found = map.ConstFind(key);
-      EXPECT_EQ(map.IsMember(key), model.count(key) == 1);
-      EXPECT_EQ(found ? *found : -1, model.count(key) ? model[key] : -1);
+      EXPECT_EQ(map.IsMember(key), member);
+      EXPECT_EQ(found ? *found : -1, member ? model[key] : -1);
+      int* writable = map.Find(key);
+      ASSERT_EQ(writable != nullptr, member);
+      if (member)
+        *writable = model[key] = value;
+    } else if (operation == 7) {
+      maps[pick(3)] = {IntMap(map), model};
     } else {
-      if (operation == 7)
-        maps[j] = IntMap(map);
-      else
-        maps[j] = map;  // also onto itself
-      models[j] = model;
+      maps[pick(3)] = maps[i];  // also onto itself
     }
-    for (std::size_t m = 0; m < maps.size(); ++m) {
-      const Entries expected(models[m].begin(), models[m].end());
-      EXPECT_EQ(maps[m].Count(), expected.size());
-      EXPECT_EQ(Walk(maps[m], true), expected);
-      EXPECT_EQ(Walk(maps[m], false), Entries(expected.rbegin(), expected.rend()));
+    Holders holders;
+    for (const auto& [each, expected] : maps) {
+      const Entries entries(expected.begin(), expected.end());
+      EXPECT_EQ(each.Count(), entries.size());
+      EXPECT_EQ(Walk(each, true), entries);
+      EXPECT_EQ(Walk(each, false), Entries(entries.rbegin(), entries.rend()));
+      Collect(each.Root(), holders);
     }
-    for (const auto& [node, holders] : Holders(maps)) {
+    for (const auto& [node, handles] : holders) {
       // A removal through a successor deeper than the right child leaves the
       // heights above the successor's parent as they were: they may only be
       // too great.
-      const int left = HeightOf(node->Left()) + 1;
-      const int right = HeightOf(node->Right()) + 1;
-      EXPECT_GE(node->Height(), std::max(left, right));
-      for (const Handle* handle : holders)
-        EXPECT_EQ(handle->RefCount(), holders.size());
+      EXPECT_GE(node->Height(), std::max(HeightOf(node->Left()), HeightOf(node->Right())) + 1);
+      for (const Handle* handle : handles)
+        EXPECT_EQ(handle->RefCount(), handles.size());
     }
   }
 }
 
-// The tree written out as key(left,right); a leaf is its key alone.
-std::string Shape(const Handle* handle) {
-  if (handle == nullptr)
-    return "";
-  const Node* node = handle->Referent();
-  const std::string key = std::to_string(node->Key());
-  if (node->Left() == nullptr && node->Right() == nullptr)
-    return key;
-  return key + "(" + Shape(node->Left()) + "," + Shape(node->Right()) + ")";
-}
-
-// A subtree two taller on one side turns once; a lean of one does not.
-// Keys in order, which leave a map without rotations a list, stay shallow.
+// A subtree two taller on one side turns once, at the fourth key of 1, 2,
+// 3, 4; a lean of one, 1(,2(,3)), does not.  Keys in order, which leave a
+// map without rotations a list, stay shallow.
 TEST(CowBtree, RotatesWhereOneSideIsTwoTallerAndStaysShallow) {
-  const std::pair<int, const char*> cases[] = {{3, "1(,2(,3))"}, {4, "2(1,3(,4))"}};
-  for (const auto& [keys, shape] : cases) {
-    IntMap map;
-    for (int key = 1; key <= keys; ++key)
-      map.InsertUnlessMember(key, key);
-    EXPECT_EQ(Shape(map.Root()), shape);
-  }
   IntMap rising;
   IntMap falling;
-  for (int key = 0; key < 1024; ++key) {
+  std::vector<int> roots;
+  for (int key = 1; key <= 1024; ++key) {
     rising.InsertUnlessMember(key, key);
     falling.InsertUnlessMember(-key, key);
+    roots.push_back(rising.Root()->Referent()->Key());
   }
+  EXPECT_EQ(std::vector<int>(roots.begin(), roots.begin() + 4), (std::vector<int>{1, 1, 1, 2}));
   EXPECT_EQ(HeightOf(rising.Root()), 10) << "as shallow as 1024 keys can be";
   EXPECT_EQ(HeightOf(falling.Root()), 10);
 }

@@ -1,13 +1,18 @@
-// The registry: the envelope around each message sent, dispatch of each one
-// received to its handler as a clone, refusal of what another process got
-// wrong, and ownership of what it adopts.
+// The backbone core.  The registry: the envelope around each message sent,
+// dispatch of each one received to its handler as a clone, refusal of what
+// another process got wrong, and ownership of what it adopts.
+// KelMsgBBApplication on the in-process bus: what a refused join leaves,
+// and when the application leaves; that a joined application receives under
+// its name and sends under it as identifier, the fault and file-transfer
+// tests see on every message their controller exchanges.
+#include <KelMsgFeaMessaging/KelMsgBBApplication.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -19,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "FatalErrorCapture.h"
+#include "TextMessages.h"
 
 namespace {
 
@@ -31,9 +37,8 @@ std::string Int32(std::int32_t value) {
 
 // Probes and recorders alive, so that a test sees each one deleted.
 int g_live = 0;
-// What the recorders were handed: "identifier|payload", and the message.
+// What the recorders were handed, raw string messages all: "identifier|text".
 Strings g_seen;
-const KelMsgBBMessage* g_handed = nullptr;
 
 class Probe : public KelMsgStringType {
  public:
@@ -47,20 +52,9 @@ class Recorder : public KelMsgBBMessageHandler {
   Recorder() { ++g_live; }
   ~Recorder() override { --g_live; }
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    std::string payload(static_cast<std::size_t>(msg.RequiredBufferSize()), '\0');
-    msg.Stream(payload.data(), static_cast<int>(payload.size()));
-    g_seen.push_back(id + ("|" + payload));
-    g_handed = &msg;
+    g_seen.push_back(id + ("|" + TextOf(msg)));
   }
 };
-
-// The buffer the bus carries for `msg`: sized, then written by the registry.
-std::string Framed(const KelMsgBBMessage& msg) {
-  Manager::AppendMessageToSend(&msg);
-  std::string buffer(static_cast<std::size_t>(Manager::RequiredBufferSizeOfPendingMessage()), '?');
-  Manager::StreamPendingMessage(buffer.data(), static_cast<int>(buffer.size()));
-  return buffer;
-}
 
 // Hands the registry a copy of exactly `buffer.size()` bytes, so that the
 // sanitizer sees any read past its end.
@@ -70,21 +64,29 @@ void Dispatch(const std::string& buffer, const char* type = "KelMsgStringType") 
   Manager::HandleMessage(type, exact.get(), static_cast<int>(buffer.size()));
 }
 
+// Every test ends with the registry destroyed, which deletes each adopted
+// object once, of two types at least, and forgets every type.
 class Registry : public ::testing::Test {
  protected:
   void SetUp() override {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Manager::AdoptPrototypeAndHandler(m_proto = new Probe, new Recorder);
+    Manager::AdoptPrototypeAndHandler(m_proto = new Probe, m_handler = new Recorder);
     Manager::AdoptPrototypeAndHandler(new KelMsgAnalysisMessageType, new Recorder);
   }
   void TearDown() override {
-    { Manager teardown; }
+    {
+      Manager registry;
+      EXPECT_EQ(registry.GetHandler("KelMsgStringType"), m_handler);
+    }
+    EXPECT_EQ(g_live, 0);
+    EXPECT_FALSE(Manager::IsMessageTypeHandled("KelMsgStringType"));
     Manager::SetMessageID("");
     Manager::AppendMessageToSend(nullptr);
     Manager::AssociateDisconnectHandler(nullptr);
     g_seen.clear();
   }
   Probe* m_proto = nullptr;
+  Recorder* m_handler = nullptr;
 };
 
 TEST_F(Registry, EachMessageTravelsBehindTheIdentifierAndReachesTheHandlerAsAClone) {
@@ -95,52 +97,35 @@ TEST_F(Registry, EachMessageTravelsBehindTheIdentifierAndReachesTheHandlerAsAClo
     Manager::SetMessageID(id);
     KelMsgStringType outgoing;
     outgoing.SetData(payload.data(), static_cast<int>(payload.size()));
-    const std::string buffer = Framed(outgoing);
+    Manager::AppendMessageToSend(&outgoing);
+    std::string buffer(static_cast<std::size_t>(Manager::RequiredBufferSizeOfPendingMessage()),
+                       '?');
+    Manager::StreamPendingMessage(buffer.data(), static_cast<int>(buffer.size()));
     EXPECT_EQ(buffer, Int32(static_cast<std::int32_t>(std::strlen(id))) + id + payload);
     EXPECT_STREQ(Manager::TypeOfPendingMessage(), "KelMsgStringType");
-    const int live = g_live;
     Dispatch(buffer);
-    EXPECT_EQ(g_live, live) << "the clone is deleted once handled";
-    EXPECT_NE(g_handed, m_proto);
   }
   EXPECT_EQ(g_seen, (Strings{std::string("|x\0z", 4), "job-1|", "\xC3\xA9|x"}));
   EXPECT_EQ(m_proto->RequiredBufferSize(), 0) << "the prototype is never filled";
 }
 
-TEST_F(Registry, WhatAnotherProcessGotWrongIsReportedAndReachesNoHandler) {
+// A type's own refusals, and types not registered, are the fault scenario's
+// (KelMsgFaultTest, garbage from a foreign client).
+TEST_F(Registry, AnEnvelopeAnotherProcessGotWrongIsReportedAndReachesNoHandler) {
   const char* const kCount = "AssertionFailed:n >= 0 && n <= size - 4";
-  // type, buffer, report
-  const std::tuple<const char*, std::string, const char*> cases[] = {
-      {"KelMsgStringType", "", "AssertionFailed:size >= 4"},
-      {"KelMsgStringType", std::string(3, '\0'), "AssertionFailed:size >= 4"},
-      {"KelMsgStringType", Int32(-1) + "abc", kCount},
-      {"KelMsgStringType", Int32(4) + "abc", kCount},
-      {"KelMsgStringType", Int32(INT32_MIN) + "abc", kCount},
-      {"KelMsgAnalysisMessageType", Int32(0) + Int32(5) + "<a/>",
-       "AssertionFailed:byteCount <= bytesLeft"},
-      {"Unknown", Int32(0) + "x", "AssertionFailed:m_protos.IsMember(type)"}};
-  const int live = g_live;
-  for (const auto& [type, buffer, report] : cases) {
+  // buffer, report
+  const std::pair<std::string, const char*> cases[] = {
+      {"", "AssertionFailed:size >= 4"},
+      {std::string(3, '\0'), "AssertionFailed:size >= 4"},
+      {Int32(-1) + "abc", kCount},
+      {Int32(4) + "abc", kCount},
+      {Int32(INT32_MIN) + "abc", kCount}};
+  for (const auto& [buffer, report] : cases) {
     FatalErrorCapture capture;
-    Dispatch(buffer, type);
-    EXPECT_EQ(capture.Messages(), Strings{report}) << type << " " << buffer.size();
+    Dispatch(buffer);
+    EXPECT_EQ(capture.Messages(), Strings{report}) << buffer.size();
   }
-  EXPECT_EQ(g_live, live) << "no clone is left over";
   EXPECT_TRUE(g_seen.empty());
-  Dispatch(Int32(3) + "abc" + Int32(4) + "<a/>", "KelMsgAnalysisMessageType");
-  EXPECT_EQ(g_seen, Strings{"abc|" + Int32(4) + "<a/>"}) << "a refusal does not stick";
-}
-
-TEST_F(Registry, DestroyingARegistryDeletesEachAdoptedObjectOnce) {
-  auto* handler = new Recorder;
-  Manager::AdoptPrototypeAndHandler(new KelMsgProcessControlType, handler);
-  {
-    Manager registry;
-    EXPECT_EQ(registry.GetHandler("KelMsgProcessControlType"), handler);
-  }
-  EXPECT_EQ(g_live, 0);
-  for (const char* type : {"KelMsgStringType", "KelMsgProcessControlType"})
-    EXPECT_FALSE(Manager::IsMessageTypeHandled(type));
 }
 
 class NullClone : public KelMsgProcessControlType {
@@ -173,6 +158,39 @@ TEST_F(RegistryDeathTest, BrokenContractsEndTheProcess) {
   Manager::AdoptPrototypeAndHandler(new KelMsgFileTransferType, nullptr);
   EXPECT_DEATH(Dispatch(Int32(0) + std::string(44, '\0'), "KelMsgFileTransferType"),
                "AssertionFailed:handler != NULL");
+}
+
+class KelMsgBBApplicationTest : public ::testing::Test {
+ protected:
+  KelMsgBBApplicationTest() { setenv("KELBUS_URL", "local:", 1); }
+};
+
+TEST_F(KelMsgBBApplicationTest, AHeldNameIsRefusedUnlessTakenOver) {
+  const KelMsgBBApplication holder("solver");
+  const KelMsgBBApplication refused("solver");
+  EXPECT_EQ(refused.Result(), KELBUS_ERR_NAME_HELD);
+  EXPECT_FALSE(refused.Joined());
+  EXPECT_NE(refused.Communicator(), 0) << "registered, though not declared";
+  EXPECT_TRUE(KelMsgBBApplication("solver", 1).Joined());
+
+  setenv("KELBUS_URL", "nowhere:", 1);
+  const KelMsgBBApplication lost("solver");
+  EXPECT_EQ(lost.Result(), KELBUS_ERR_URL);
+  EXPECT_EQ(lost.Communicator(), 0);
+}
+
+TEST_F(KelMsgBBApplicationTest, LeavesWhenDestroyedOrReplacedButNotWhenMovedFrom) {
+  KelMsgBBApplication first("solver");
+  KelMsgBBApplication moved(std::move(first));
+  EXPECT_EQ(first.Communicator(), 0);  // NOLINT(bugprone-use-after-move): what is left
+  { const KelMsgBBApplication empty(std::move(first)); }
+  EXPECT_EQ(moved.Send("solver", KelMsgStringType()), KELBUS_OK);
+  EXPECT_FALSE(KelMsgBBApplication("solver").Joined());
+
+  moved = KelMsgBBApplication("mesher");
+  EXPECT_STREQ(moved.Name(), "mesher");
+  EXPECT_TRUE(moved.Joined());
+  EXPECT_TRUE(KelMsgBBApplication("solver").Joined()) << "the name was given back";
 }
 
 }  // namespace
