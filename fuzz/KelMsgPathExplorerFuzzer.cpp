@@ -7,11 +7,10 @@
 // component, no trailing separator but the root's); forming it again from
 // itself changes nothing; an absolute file name ignores the directories; the
 // stamp path is the path of the name with ".stamp" appended.
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <string>
-#include <string_view>
 
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 
@@ -28,21 +27,11 @@ KelString NextText(const char*& cursor, const char* end) {
   return text;
 }
 
-bool IsNormalisedAbsolute(std::string_view path) {
-  if (path.empty() || path.front() != '/')
-    return false;
-  if (path == "/")
-    return true;
-  if (path.back() == '/')
-    return false;
-  for (std::size_t start = 1; start <= path.size();) {
-    const std::size_t slash = std::min(path.find('/', start), path.size());
-    const std::string_view component = path.substr(start, slash - start);
-    if (component.empty() || component == "." || component == "..")
-      return false;
-    start = slash + 1;
-  }
-  return true;
+// Lexical normalisation leaves such a path as it is, but for a trailing
+// separator, which it keeps.
+bool IsNormalisedAbsolute(const std::string& path) {
+  return path == "/" || (path.size() > 1 && path.front() == '/' && path.back() != '/' &&
+                         std::filesystem::path(path).lexically_normal().native() == path);
 }
 
 }  // namespace
