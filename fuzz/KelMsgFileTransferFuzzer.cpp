@@ -58,7 +58,7 @@ constexpr std::size_t kMaxChunk = 70000;
 
 int g_communicator = 0;
 fs::path g_sandbox;
-KelMsgBBMessageHandler* g_engineHandler = nullptr;
+KelMsgFileTransfer* g_engine = nullptr;  // the current input's
 
 // Any text, folded onto one of a few names.
 template <std::size_t N>
@@ -67,7 +67,7 @@ KelString Fold(const KelString& text, const char* const (&names)[N]) {
 }
 
 // Adopted for the file-transfer type: confines the record to the sandbox,
-// then hands it to the current input's file-transfer handler.
+// then hands it to a file-transfer handler for the current input's engine.
 class SandboxingHandler : public KelMsgBBMessageHandler {
  public:
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
@@ -82,7 +82,7 @@ class SandboxingHandler : public KelMsgBBMessageHandler {
     record.m_targetJobDir = Fold(record.m_targetJobDir, kJobDirs);
     record.m_sourceFileName = Fold(record.m_sourceFileName, kFiles);
     record.m_targetFileName = Fold(record.m_targetFileName, kFiles);
-    g_engineHandler->HandleMessage(confined, id);
+    KelMsgFileTransferHandler(g_engine).HandleMessage(confined, id);
   }
 };
 
@@ -157,8 +157,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   {
     // Trace level 4: every trace line of the engine is formatted.
     KelMsgFileTransfer engine(g_communicator, DevNull(), 4);
-    KelMsgFileTransferHandler handler(&engine);
-    g_engineHandler = &handler;
+    g_engine = &engine;
     FuzzedDataProvider input(data, size);
     for (int step = 0; step < kMaxSteps && input.remaining_bytes() > 0; ++step) {
       const char* sender = input.PickValueInArray(kSenders);
@@ -168,7 +167,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Deliver(sender,
                 input.ConsumeBytes<char>(input.ConsumeIntegralInRange<std::size_t>(0, 300)));
     }
-    g_engineHandler = nullptr;
+    g_engine = nullptr;
   }
   FUZZ_EXPECT(OpenDescriptors() == descriptorsBefore);
   return 0;

@@ -7,25 +7,17 @@
 // component, no trailing separator but the root's); forming it again from
 // itself changes nothing; an absolute file name ignores the directories; the
 // stamp path is the path of the name with ".stamp" appended.
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 
 #include "FuzzSupport.h"
 
 namespace {
-
-// The next NUL-terminated piece of [cursor, end), as the library would read it.
-KelString NextText(const char*& cursor, const char* end) {
-  const auto* nul = static_cast<const char*>(std::memchr(cursor, '\0', end - cursor));
-  const char* stop = nul != nullptr ? nul : end;
-  KelString text(cursor, static_cast<int>(stop - cursor));
-  cursor = nul != nullptr ? nul + 1 : end;
-  return text;
-}
 
 // Lexical normalisation leaves such a path as it is, but for a trailing
 // separator, which it keeps.
@@ -37,11 +29,14 @@ bool IsNormalisedAbsolute(const std::string& path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const char* cursor = reinterpret_cast<const char*>(data);
-  const char* end = cursor + size;
-  const KelString base = NextText(cursor, end);
-  const KelString job = NextText(cursor, end);
-  const KelString file = NextText(cursor, end);
+  std::string_view rest(reinterpret_cast<const char*>(data), size);
+  KelString texts[3];
+  for (KelString& text : texts) {
+    const std::string_view piece = rest.substr(0, rest.find('\0'));
+    text = KelString(piece.data(), static_cast<int>(piece.size()));
+    rest.remove_prefix(std::min(rest.size(), piece.size() + 1));
+  }
+  const auto& [base, job, file] = texts;
 
   const KelString path = KelMsgPathExplorer::FormPath(base, job, file);
   FUZZ_EXPECT(IsNormalisedAbsolute(path.GetUTF8()));

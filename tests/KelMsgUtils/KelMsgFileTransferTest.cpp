@@ -4,12 +4,6 @@
 
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <gtest/gtest.h>
@@ -43,36 +37,37 @@ class RecordTap : public KelMsgFileTransferHandler {
   std::vector<std::string> records;
 };
 
+// Every test has this process's engine, tracing at Level() into m_trace, and
+// a peer named "peer".
 class FileTransferTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    m_previousUmask = umask(0);  // the peers inherit it: modes show as the engine gives them
     ASSERT_TRUE(m_broker.Running()) << m_broker.Error();
     m_broker.ExportUrl();
     ASSERT_TRUE(m_controller.emplace(kTester).Bus().Joined());
     fs::create_directories(m_mine.Path() / kJob);
     fs::create_directories(m_peers.Path() / kJob);
+    m_engine.emplace(m_controller->Bus().Communicator(), m_trace.Get(), Level());
+    m_tap = new RecordTap(&*m_engine);
+    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgFileTransferType, m_tap);
+    StartPeer("peer");
   }
 
   void TearDown() override {
-    for (const std::string& peer : m_started)
-      m_controller->Tell(peer, "quit");
-    for (ChildProcess& child : m_children)
-      EXPECT_EQ(child.ExitCode(kLimit), 0) << "a peer did not leave cleanly";
+    umask(m_previousUmask);
+    for (auto& [name, child] : m_started) {
+      m_controller->Tell(name, "quit");
+      EXPECT_EQ(child.ExitCode(kLimit), 0) << name << " did not leave cleanly";
+    }
   }
 
-  // This process's engine, tracing at `level` into m_trace.
-  KelMsgFileTransfer& Engine(int level = 0) {
-    m_engine = std::make_unique<KelMsgFileTransfer>(m_controller->Bus().Communicator(),
-                                                    m_trace.Get(), level);
-    m_tap = new RecordTap(m_engine.get());
-    KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgFileTransferType, m_tap);
-    return *m_engine;
-  }
+  virtual int Level() const { return 0; }
 
   void StartPeer(const std::string& name, const std::string& id = "") {
-    m_children.push_back(m_controller->StartPeer(
-        id.empty() ? std::vector<std::string>{name} : std::vector<std::string>{name, "--id", id}));
-    m_started.push_back(name);
+    m_started.emplace_back(
+        name, m_controller->StartPeer(id.empty() ? std::vector<std::string>{name}
+                                                 : std::vector<std::string>{name, "--id", id}));
     ASSERT_TRUE(m_controller->TakeAnswer(id.empty() ? name : id, "ready", kLimit));
   }
 
@@ -89,68 +84,57 @@ class FileTransferTest : public ::testing::Test {
   }
 
   // Eight names: a file of the peers' directory and one of this process's.
-  std::vector<std::string> FromPeer(const std::string& peer, const std::string& source,
-                                    const std::string& target) const {
+  std::vector<std::string> FromPeer(const std::string& source, const std::string& target,
+                                    const std::string& peer = "peer") const {
     return {peer, m_peers.Path(), kJob, source, kTester, m_mine.Path(), kJob, target};
   }
-  std::vector<std::string> ToPeer(const std::string& peer, const std::string& source,
-                                  const std::string& target) const {
-    return {kTester, m_mine.Path(), kJob, source, peer, m_peers.Path(), kJob, target};
+  std::vector<std::string> ToPeer(const std::string& source, const std::string& target) const {
+    return {kTester, m_mine.Path(), kJob, source, "peer", m_peers.Path(), kJob, target};
+  }
+  // Moves a file one of the three ways.
+  int Call(decltype(&KelMsgFileTransfer::SendFile) way, const std::vector<std::string>& n) {
+    return ((*m_engine).*way)(n[0].c_str(), n[1].c_str(), n[2].c_str(), n[3].c_str(), n[4].c_str(),
+                              n[5].c_str(), n[6].c_str(), n[7].c_str());
   }
 
   fs::path Mine(const std::string& name) const { return m_mine.Path() / kJob / name; }
   fs::path Peers(const std::string& name) const { return m_peers.Path() / kJob / name; }
 
+  mode_t m_previousUmask = 0;
   TestBroker m_broker;
   std::optional<PeerController> m_controller;  // joins once the broker's URL is exported
   ScratchDirectory m_mine;
   ScratchDirectory m_peers;
   MemoryStream m_trace;
-  std::unique_ptr<KelMsgFileTransfer> m_engine;
+  std::optional<KelMsgFileTransfer> m_engine;
   RecordTap* m_tap = nullptr;  // the registry's
-  std::vector<std::string> m_started;
-  std::vector<ChildProcess> m_children;
+  std::vector<std::pair<std::string, ChildProcess>> m_started;
 };
 
-int Call(KelMsgFileTransfer& engine, decltype(&KelMsgFileTransfer::SendFile) operation,
-         const std::vector<std::string>& n) {
-  return (engine.*operation)(n[0].c_str(), n[1].c_str(), n[2].c_str(), n[3].c_str(), n[4].c_str(),
-                             n[5].c_str(), n[6].c_str(), n[7].c_str());
-}
-
-// Under an empty umask, which the peer inherits, so that the mode shows as
-// the engine gives it.
 TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
-  const mode_t previous = umask(0);
-  KelMsgFileTransfer& engine = Engine();
-  StartPeer("peer");
   const std::ptrdiff_t descriptors = OpenDescriptors();
   for (std::size_t size : {0, 1, 65535, 65536, 65537, 3 * 1024 * 1024 + 7}) {
     const std::string name = "f" + std::to_string(size);
     const std::string content = RandomBytes(size);
     WriteFile(Mine(name), content);
-    EXPECT_EQ(Call(engine, &KelMsgFileTransfer::SendFile, ToPeer("peer", name, name + ".sent")), 0);
-    EXPECT_EQ(Call(engine, &KelMsgFileTransfer::ISendFile, ToPeer("peer", name, name + ".isent")),
-              0);
+    EXPECT_EQ(Call(&KelMsgFileTransfer::SendFile, ToPeer(name, name + ".sent")), 0);
+    EXPECT_EQ(Call(&KelMsgFileTransfer::ISendFile, ToPeer(name, name + ".isent")), 0);
     Ask("peer", "sync", {}, "synced");  // answered once everything before it is handled
-    EXPECT_EQ(Call(engine, &KelMsgFileTransfer::ReceiveFile,
-                   FromPeer("peer", name + ".sent", name + ".got")),
-              0);
-    Ask("peer", "push", FromPeer("peer", name + ".isent", name + ".back"), "pushed ");
+    EXPECT_EQ(Call(&KelMsgFileTransfer::ReceiveFile, FromPeer(name + ".sent", name + ".got")), 0);
+    Ask("peer", "push", FromPeer(name + ".isent", name + ".back"), "pushed ");
     for (const fs::path& copy : {Peers(name + ".sent"), Peers(name + ".isent"), Mine(name + ".got"),
                                  Mine(name + ".back")}) {
       EXPECT_EQ(ReadFile(copy), content) << copy;
     }
   }
-  umask(previous);
   EXPECT_EQ(OpenDescriptors(), descriptors) << "a file was left open";
   EXPECT_EQ(fs::status(Peers("f1.sent")).permissions(), fs::perms(0640));
   EXPECT_EQ(fs::status(Mine("f1.got")).permissions(), fs::perms(0640));
 
   // A missing source still completes, with an empty (truncated) target.
   WriteFile(Peers("stale"), "old content");
-  Call(engine, &KelMsgFileTransfer::SendFile, ToPeer("peer", "absent", "stale"));
-  Call(engine, &KelMsgFileTransfer::ReceiveFile, FromPeer("peer", "absent", "pulled"));
+  Call(&KelMsgFileTransfer::SendFile, ToPeer("absent", "stale"));
+  Call(&KelMsgFileTransfer::ReceiveFile, FromPeer("absent", "pulled"));
   EXPECT_TRUE(fs::exists(Peers("stale")) && fs::file_size(Peers("stale")) == 0);
   EXPECT_TRUE(fs::exists(Mine("pulled")) && fs::file_size(Mine("pulled")) == 0);
 }
@@ -159,25 +143,23 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
 // returns 0.
 TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoesOn) {
   FatalErrorCapture reports;
-  KelMsgFileTransfer& engine = Engine();
   StartPeer("rogue", "someone-else");
-  StartPeer("peer");
   WriteFile(Peers("x"), RandomBytes(70000));
-  Ask("rogue", "ipush", FromPeer("rogue", "x", "from-rogue"), "ipushed", "someone-else");
+  Ask("rogue", "ipush", FromPeer("x", "from-rogue", "rogue"), "ipushed", "someone-else");
   EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
-  EXPECT_EQ(engine.ReceiveSendCompletion("nobody"), 0);
-  EXPECT_EQ(engine.CloseFile(-1), 0);
-  EXPECT_EQ(engine.ReadChunk(), 0) << "from no file";
+  EXPECT_EQ(m_engine->ReceiveSendCompletion("nobody"), 0);
+  EXPECT_EQ(m_engine->CloseFile(-1), 0);
+  EXPECT_EQ(m_engine->ReadChunk(), 0) << "from no file";
   // Chunks out of order abandon the transfer; they are answered like any.
-  EXPECT_EQ(engine.OpenFile("late", Mine("late").c_str(), false), 0);
-  EXPECT_EQ(engine.ReceiveChunk("late", 2, 0, nullptr), 0);
-  EXPECT_EQ(engine.ReceiveChunk("late", 1, 0, nullptr), 0);
-  EXPECT_EQ(engine.ReceiveSendCompletion("late"), 0);
+  EXPECT_EQ(m_engine->OpenFile("late", Mine("late").c_str(), false), 0);
+  EXPECT_EQ(m_engine->ReceiveChunk("late", 2, 0, nullptr), 0);
+  EXPECT_EQ(m_engine->ReceiveChunk("late", 1, 0, nullptr), 0);
+  EXPECT_EQ(m_engine->ReceiveSendCompletion("late"), 0);
   ASSERT_EQ(reports.Messages(),
             std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
 
-  Ask("peer", "push", FromPeer("peer", "x", "from-peer"), "pushed ");
+  Ask("peer", "push", FromPeer("x", "from-peer"), "pushed ");
   EXPECT_EQ(ReadFile(Mine("from-peer")), ReadFile(Peers("x")));
 }
 
@@ -186,15 +168,15 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
 // from it comes last: nothing flushes its lines but the engine itself.  The
 // records that reach this process show the chunks of at most 65,536 bytes
 // and that only the announcement and the send completion name the source.
-class FileTransferTraceTest : public FileTransferTest, public ::testing::WithParamInterface<int> {};
+class FileTransferTraceTest : public FileTransferTest, public ::testing::WithParamInterface<int> {
+  int Level() const override { return GetParam(); }
+};
 
 TEST_P(FileTransferTraceTest, ShowsEachStepFromItsLevelOnAndFlushesIt) {
-  KelMsgFileTransfer& engine = Engine(GetParam());
-  StartPeer("peer");
   WriteFile(Peers("two-chunks"), RandomBytes(65537));
-  Call(engine, &KelMsgFileTransfer::ReceiveFile, FromPeer("peer", "two-chunks", "pulled"));
-  Ask("peer", "push", FromPeer("peer", "two-chunks", "pushed"), "pushed ");
-  Call(engine, &KelMsgFileTransfer::SendFile, ToPeer("peer", "pulled", "back"));
+  Call(&KelMsgFileTransfer::ReceiveFile, FromPeer("two-chunks", "pulled"));
+  Ask("peer", "push", FromPeer("two-chunks", "pushed"), "pushed ");
+  Call(&KelMsgFileTransfer::SendFile, ToPeer("pulled", "back"));
   EXPECT_EQ(m_tap->records,
             (std::vector<std::string>{"3 ", "3 ", "5 ", "2 peer", "3 ", "3 ", "4 peer", "6 "}));
 

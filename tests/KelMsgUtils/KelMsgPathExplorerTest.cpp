@@ -1,6 +1,5 @@
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 
-#include <string>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -9,8 +8,6 @@
 #include "TestFiles.h"
 
 namespace fs = std::filesystem;
-
-namespace {
 
 TEST(KelMsgPathExplorerTest, FormPathPutsTheFileInTheJobDirectoryInTheBase) {
   // base, job, file, path
@@ -67,5 +64,3 @@ TEST(KelMsgPathExplorerTest, StampsShowThroughLinksUntilRemovedAndMissingOnesAre
   EXPECT_EQ(KelMsgPathExplorer::RemoveStampFile(base, "no/such/job", "handshake"), 0);
   EXPECT_FALSE(fs::exists(scratch / "no"));
 }
-
-}  // namespace

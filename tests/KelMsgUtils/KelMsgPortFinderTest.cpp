@@ -9,8 +9,6 @@
 
 #include "ListeningSocket.h"
 
-namespace {
-
 // A list and the first candidates of a fresh finder for it; a list without
 // ranges yields 0.
 TEST(KelMsgPortFinderParseTest, WalksEveryRangeThatReadsInOrderAndStartsAgain) {
@@ -83,5 +81,3 @@ TEST(KelMsgPortFinderRangeTest, StopsWhereTheCandidatesLeaveTheSixteenBitPorts) 
   EXPECT_EQ(crossing.GetPort(), 65537) << "65536 was the last candidate handed out";
   EXPECT_EQ(KelMsgPortFinder(DovUnicodeString("65535")).FindOpenPort(), 0);
 }
-
-}  // namespace
