@@ -51,7 +51,7 @@ class FileTransferTest : public ::testing::Test {
     m_engine.emplace(m_controller->Bus().Communicator(), m_trace.Get(), Level());
     m_tap = new RecordTap(&*m_engine);
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgFileTransferType, m_tap);
-    StartPeer("peer");
+    StartPeer({"peer"}, "peer");
   }
 
   void TearDown() override {
@@ -64,11 +64,10 @@ class FileTransferTest : public ::testing::Test {
 
   virtual int Level() const { return 0; }
 
-  void StartPeer(const std::string& name, const std::string& id = "") {
-    m_started.emplace_back(
-        name, m_controller->StartPeer(id.empty() ? std::vector<std::string>{name}
-                                                 : std::vector<std::string>{name, "--id", id}));
-    ASSERT_TRUE(m_controller->TakeAnswer(id.empty() ? name : id, "ready", kLimit));
+  // A peer named `arguments[0]` whose messages come from `answerer`.
+  void StartPeer(const std::vector<std::string>& arguments, const std::string& answerer) {
+    m_started.emplace_back(arguments[0], m_controller->StartPeer(arguments));
+    ASSERT_TRUE(m_controller->TakeAnswer(answerer, "ready", kLimit));
   }
 
   // Sends `verb` and the names, a line each, then waits for `answer` from
@@ -143,7 +142,7 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
 // returns 0.
 TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoesOn) {
   FatalErrorCapture reports;
-  StartPeer("rogue", "someone-else");
+  StartPeer({"rogue", "--id", "someone-else"}, "someone-else");
   WriteFile(Peers("x"), RandomBytes(70000));
   Ask("rogue", "ipush", FromPeer("x", "from-rogue", "rogue"), "ipushed", "someone-else");
   EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
