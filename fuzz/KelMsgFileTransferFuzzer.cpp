@@ -141,6 +141,8 @@ void Deliver(const char* sender, const std::vector<char>& payload) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   DiscardFatalErrorReports();
+  // Opened now, before any input counts descriptors.
+  FUZZ_EXPECT(DevNull() != nullptr);
   MakeSandbox();
   setenv("KELBUS_URL", "local:", 1);
   FUZZ_EXPECT(KelMsgBBAPI::RegisterCommunicator("file-transfer-fuzzer", g_communicator) ==
