@@ -9,8 +9,8 @@
 // A message that reaches the handler must be sound: it prints, and what it
 // streams reads back into a message that streams the same bytes again.
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -29,9 +29,6 @@ namespace {
 constexpr const char* kTypeNames[] = {"KelMsgStringType", "KelMsgAnalysisMessageType",
                                       "KelMsgProcessControlType", "KelMsgFileTransferType",
                                       "KelMsgUnknownType"};
-constexpr std::size_t kTypeCount = sizeof kTypeNames / sizeof kTypeNames[0];
-
-FILE* g_devNull = nullptr;
 
 std::vector<char> StreamToBytes(const KelMsgBBMessage& msg) {
   std::vector<char> bytes(static_cast<std::size_t>(msg.RequiredBufferSize()));
@@ -39,19 +36,15 @@ std::vector<char> StreamToBytes(const KelMsgBBMessage& msg) {
   return bytes;
 }
 
-// An analysis message may arrive with an empty document, which is not one it
-// may send again.
-bool CanBeSent(const KelMsgBBMessage& msg) {
-  const auto* analysis = dynamic_cast<const KelMsgAnalysisMessageType*>(&msg);
-  return analysis == nullptr || analysis->GetXmlBuffer().GetLengthInByte() > 0;
-}
-
 class CheckingHandler : public KelMsgBBMessageHandler {
  public:
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
     FUZZ_EXPECT(id != nullptr);
-    msg.Print(g_devNull, id);
-    if (!CanBeSent(msg))
+    msg.Print(DevNull(), id);
+    // An analysis message may arrive with an empty document, which is not one
+    // it may send again.
+    const auto* analysis = dynamic_cast<const KelMsgAnalysisMessageType*>(&msg);
+    if (analysis != nullptr && analysis->GetXmlBuffer().GetLengthInByte() == 0)
       return;
     // A string cut at a NUL byte may shorten the first image; from then on
     // the images must agree.
@@ -68,14 +61,11 @@ class CheckingHandler : public KelMsgBBMessageHandler {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   DiscardFatalErrorReports();
-  g_devNull = std::fopen("/dev/null", "w");
-  FUZZ_EXPECT(g_devNull != nullptr);
   // Destroyed at exit, before the registry's maps: deletes what was adopted.
   static KelMsgBBCallbackManager registry;
-  for (KelMsgBBMessage* proto : {static_cast<KelMsgBBMessage*>(new KelMsgStringType),
-                                 static_cast<KelMsgBBMessage*>(new KelMsgAnalysisMessageType),
-                                 static_cast<KelMsgBBMessage*>(new KelMsgProcessControlType),
-                                 static_cast<KelMsgBBMessage*>(new KelMsgFileTransferType)}) {
+  for (KelMsgBBMessage* proto : std::initializer_list<KelMsgBBMessage*>{
+           new KelMsgStringType, new KelMsgAnalysisMessageType, new KelMsgProcessControlType,
+           new KelMsgFileTransferType}) {
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(proto, new CheckingHandler);
   }
   return 0;
@@ -84,7 +74,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0)
     return 0;
-  const char* type = kTypeNames[data[0] % kTypeCount];
+  const char* type = kTypeNames[data[0] % std::size(kTypeNames)];
   KelMsgBBCallbackManager::HandleMessage(type, data + 1, static_cast<int>(size - 1));
   return 0;
 }

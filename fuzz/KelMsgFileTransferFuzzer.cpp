@@ -17,14 +17,14 @@
 // The engine sends chunks and completions over the in-process bus (nobody
 // holds the names it sends to).  Property: an input leaves no descriptor
 // open once its engine is gone.
-#include <dirent.h>
-
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,16 +34,16 @@
 #include <KelMsgFeaMessaging/KelBus.h>
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
-#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 
 #include "FuzzSupport.h"
 
+namespace fs = std::filesystem;
+
 namespace {
 
-constexpr const char* kType = "KelMsgFileTransferType";
 constexpr const char* kSenders[] = {"alpha", "beta", ""};
 // What the built records' names are drawn from: applications, directories,
 // files that exist and do not, and names that try to leave the sandbox.
@@ -56,84 +56,56 @@ constexpr std::size_t kFileSizes[] = {0, 100, 65536};
 constexpr int kMaxSteps = 64;
 constexpr std::size_t kMaxChunk = 70000;
 
-template <class T, std::size_t N>
-constexpr std::size_t Count(const T (&)[N]) {
-  return N;
-}
-
 int g_communicator = 0;
-FILE* g_devNull = nullptr;
-std::filesystem::path g_sandbox;
-KelString g_sourceBase;
-KelString g_targetBase;
-KelMsgBBMessageHandler* g_engineHandler = nullptr;
+fs::path g_sandbox;
+KelMsgFileTransfer* g_engine = nullptr;  // the current input's
 
 // Any text, folded onto one of a few names.
-const char* Fold(const KelString& text, const char* const* names, std::size_t count) {
-  return names[std::hash<std::string_view>{}(text.GetUTF8()) % count];
+template <std::size_t N>
+KelString Fold(const KelString& text, const char* const (&names)[N]) {
+  return names[std::hash<std::string_view>{}(text.GetUTF8()) % N];
 }
 
-void Confine(KelMsgFileTransferData& record) {
-  record.m_sourceBaseDir = g_sourceBase;
-  record.m_targetBaseDir = g_targetBase;
-  record.m_sourceJobDir = Fold(record.m_sourceJobDir, kJobDirs, Count(kJobDirs));
-  record.m_targetJobDir = Fold(record.m_targetJobDir, kJobDirs, Count(kJobDirs));
-  record.m_sourceFileName = Fold(record.m_sourceFileName, kFiles, Count(kFiles));
-  record.m_targetFileName = Fold(record.m_targetFileName, kFiles, Count(kFiles));
-}
-
-// Adopted for the file-transfer type: confines the record, then hands it to
-// the current input's file-transfer handler.
+// Adopted for the file-transfer type: confines the record to the sandbox,
+// then hands it to a file-transfer handler for the current input's engine.
 class SandboxingHandler : public KelMsgBBMessageHandler {
  public:
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
     KelMsgFileTransferType confined;
     // The chunk pointer is copied, not the bytes: they stay the received
     // message's.
-    confined.Data() = static_cast<const KelMsgFileTransferType&>(msg).Data();
-    Confine(confined.Data());
-    g_engineHandler->HandleMessage(confined, id);
+    KelMsgFileTransferData& record = confined.Data() =
+        static_cast<const KelMsgFileTransferType&>(msg).Data();
+    record.m_sourceBaseDir = (g_sandbox / "source").c_str();
+    record.m_targetBaseDir = (g_sandbox / "target").c_str();
+    record.m_sourceJobDir = Fold(record.m_sourceJobDir, kJobDirs);
+    record.m_targetJobDir = Fold(record.m_targetJobDir, kJobDirs);
+    record.m_sourceFileName = Fold(record.m_sourceFileName, kFiles);
+    record.m_targetFileName = Fold(record.m_targetFileName, kFiles);
+    KelMsgFileTransferHandler(g_engine).HandleMessage(confined, id);
   }
 };
-
-void CreateSourceFiles(const std::filesystem::path& directory) {
-  std::filesystem::create_directories(directory);
-  for (std::size_t i = 0; i < Count(kFileSizes); ++i) {
-    const std::string contents(kFileSizes[i], static_cast<char>('a' + i));
-    FILE* file = std::fopen((directory / kFiles[i]).c_str(), "wb");
-    FUZZ_EXPECT(file != nullptr);
-    std::fwrite(contents.data(), 1, contents.size(), file);
-    std::fclose(file);
-  }
-}
-
-void RemoveSandbox() {
-  std::filesystem::remove_all(g_sandbox);
-}
 
 void MakeSandbox() {
   char pattern[] = "/tmp/kelmsg-fuzz-XXXXXX";
   FUZZ_EXPECT(mkdtemp(pattern) != nullptr);
   g_sandbox = pattern;
-  std::atexit(&RemoveSandbox);
-  CreateSourceFiles(g_sandbox / "source");
-  CreateSourceFiles(g_sandbox / "source" / "job");
-  std::filesystem::create_directories(g_sandbox / "target" / "job");
-  g_sourceBase = (g_sandbox / "source").c_str();
-  g_targetBase = (g_sandbox / "target").c_str();
+  std::atexit([] { fs::remove_all(g_sandbox); });
+  for (const fs::path& directory : {g_sandbox / "source", g_sandbox / "source" / "job"}) {
+    fs::create_directories(directory);
+    for (std::size_t i = 0; i < std::size(kFileSizes); ++i) {
+      const std::string contents(kFileSizes[i], static_cast<char>('a' + i));
+      FUZZ_EXPECT(std::ofstream(directory / kFiles[i], std::ios::binary) << contents);
+    }
+  }
+  fs::create_directories(g_sandbox / "target" / "job");
 }
 
-int OpenDescriptors() {
-  DIR* fds = opendir("/proc/self/fd");
-  FUZZ_EXPECT(fds != nullptr);
-  int count = 0;
-  while (readdir(fds) != nullptr)
-    ++count;
-  closedir(fds);
-  return count;
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
 }
 
-std::vector<char> BuildRecord(FuzzedDataProvider& input, std::vector<char>& chunk) {
+std::vector<char> BuildRecord(FuzzedDataProvider& input) {
   KelMsgFileTransferType message;
   KelMsgFileTransferData& record = message.Data();
   record.m_dataType = input.ConsumeIntegralInRange<std::int32_t>(0, 7);
@@ -141,11 +113,12 @@ std::vector<char> BuildRecord(FuzzedDataProvider& input, std::vector<char>& chun
        {&record.m_sourceApplication, &record.m_sourceBaseDir, &record.m_sourceJobDir,
         &record.m_sourceFileName, &record.m_targetApplication, &record.m_targetBaseDir,
         &record.m_targetJobDir, &record.m_targetFileName}) {
-    *name = kTexts[input.ConsumeIntegralInRange<std::size_t>(0, Count(kTexts) - 1)];
+    *name = input.PickValueInArray(kTexts);
   }
   record.m_chunkId = input.ConsumeBool() ? input.ConsumeIntegralInRange<std::int32_t>(-1, 4)
                                          : input.ConsumeIntegral<std::int32_t>();
-  chunk = input.ConsumeBytes<char>(input.ConsumeIntegralInRange<std::size_t>(0, kMaxChunk));
+  std::vector<char> chunk =
+      input.ConsumeBytes<char>(input.ConsumeIntegralInRange<std::size_t>(0, kMaxChunk));
   record.m_chunkSize = static_cast<std::int32_t>(chunk.size());
   record.m_chunkData = chunk.data();
   std::vector<char> payload(static_cast<std::size_t>(message.RequiredBufferSize()));
@@ -159,31 +132,17 @@ void Deliver(const char* sender, const std::vector<char>& payload) {
   const std::int32_t n = static_cast<std::int32_t>(std::strlen(sender));
   std::vector<char> envelope(sizeof n + static_cast<std::size_t>(n) + payload.size());
   std::memcpy(envelope.data(), &n, sizeof n);
-  std::memcpy(envelope.data() + sizeof n, sender, static_cast<std::size_t>(n));
-  if (!payload.empty())
-    std::memcpy(envelope.data() + sizeof n + n, payload.data(), payload.size());
-  KelMsgBBCallbackManager::HandleMessage(kType, envelope.data(), static_cast<int>(envelope.size()));
-}
-
-void RunSteps(FuzzedDataProvider& input) {
-  std::vector<char> chunk;
-  for (int step = 0; step < kMaxSteps && input.remaining_bytes() > 0; ++step) {
-    const char* sender =
-        kSenders[input.ConsumeIntegralInRange<std::size_t>(0, Count(kSenders) - 1)];
-    if (input.ConsumeBool()) {
-      Deliver(sender, BuildRecord(input, chunk));
-    } else {
-      Deliver(sender, input.ConsumeBytes<char>(input.ConsumeIntegralInRange<std::size_t>(0, 300)));
-    }
-  }
+  std::copy(payload.begin(), payload.end(), std::copy_n(sender, n, envelope.begin() + sizeof n));
+  KelMsgBBCallbackManager::HandleMessage("KelMsgFileTransferType", envelope.data(),
+                                         static_cast<int>(envelope.size()));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   DiscardFatalErrorReports();
-  g_devNull = std::fopen("/dev/null", "w");
-  FUZZ_EXPECT(g_devNull != nullptr);
+  // Opened now, before any input counts descriptors.
+  FUZZ_EXPECT(DevNull() != nullptr);
   MakeSandbox();
   setenv("KELBUS_URL", "local:", 1);
   FUZZ_EXPECT(KelMsgBBAPI::RegisterCommunicator("file-transfer-fuzzer", g_communicator) ==
@@ -196,15 +155,21 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const int descriptorsBefore = OpenDescriptors();
+  const std::ptrdiff_t descriptorsBefore = OpenDescriptors();
   {
     // Trace level 4: every trace line of the engine is formatted.
-    KelMsgFileTransfer engine(g_communicator, g_devNull, 4);
-    KelMsgFileTransferHandler handler(&engine);
-    g_engineHandler = &handler;
+    KelMsgFileTransfer engine(g_communicator, DevNull(), 4);
+    g_engine = &engine;
     FuzzedDataProvider input(data, size);
-    RunSteps(input);
-    g_engineHandler = nullptr;
+    for (int step = 0; step < kMaxSteps && input.remaining_bytes() > 0; ++step) {
+      const char* sender = input.PickValueInArray(kSenders);
+      if (input.ConsumeBool())
+        Deliver(sender, BuildRecord(input));
+      else
+        Deliver(sender,
+                input.ConsumeBytes<char>(input.ConsumeIntegralInRange<std::size_t>(0, 300)));
+    }
+    g_engine = nullptr;
   }
   FUZZ_EXPECT(OpenDescriptors() == descriptorsBefore);
   return 0;

@@ -9,7 +9,7 @@
 // stamp path is the path of the name with ".stamp" appended.
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -19,40 +19,24 @@
 
 namespace {
 
-// The next NUL-terminated piece of [cursor, end), as the library would read it.
-KelString NextText(const char*& cursor, const char* end) {
-  const auto* nul = static_cast<const char*>(std::memchr(cursor, '\0', end - cursor));
-  const char* stop = nul != nullptr ? nul : end;
-  KelString text(cursor, static_cast<int>(stop - cursor));
-  cursor = nul != nullptr ? nul + 1 : end;
-  return text;
-}
-
-bool IsNormalisedAbsolute(std::string_view path) {
-  if (path.empty() || path.front() != '/')
-    return false;
-  if (path == "/")
-    return true;
-  if (path.back() == '/')
-    return false;
-  for (std::size_t start = 1; start <= path.size();) {
-    const std::size_t slash = std::min(path.find('/', start), path.size());
-    const std::string_view component = path.substr(start, slash - start);
-    if (component.empty() || component == "." || component == "..")
-      return false;
-    start = slash + 1;
-  }
-  return true;
+// Lexical normalisation leaves such a path as it is, but for a trailing
+// separator, which it keeps.
+bool IsNormalisedAbsolute(const std::string& path) {
+  return path == "/" || (path.size() > 1 && path.front() == '/' && path.back() != '/' &&
+                         std::filesystem::path(path).lexically_normal().native() == path);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const char* cursor = reinterpret_cast<const char*>(data);
-  const char* end = cursor + size;
-  const KelString base = NextText(cursor, end);
-  const KelString job = NextText(cursor, end);
-  const KelString file = NextText(cursor, end);
+  std::string_view rest(reinterpret_cast<const char*>(data), size);
+  KelString texts[3];
+  for (KelString& text : texts) {
+    const std::string_view piece = rest.substr(0, rest.find('\0'));
+    text = KelString(piece.data(), static_cast<int>(piece.size()));
+    rest.remove_prefix(std::min(rest.size(), piece.size() + 1));
+  }
+  const auto& [base, job, file] = texts;
 
   const KelString path = KelMsgPathExplorer::FormPath(base, job, file);
   FUZZ_EXPECT(IsNormalisedAbsolute(path.GetUTF8()));
