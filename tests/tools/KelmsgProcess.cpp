@@ -5,38 +5,29 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <thread>
 
 #include "TestFiles.h"
 
 namespace {
 
-// Everything a child needs is made before the fork: it only opens and execs.
-std::vector<char*> Argv(const std::vector<std::string>& arguments) {
+// Everything the child needs is made before the fork: it only runs
+// `redirect`, which opens and duplicates descriptors, then changes directory
+// and execs.
+ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
+                         const std::string& workingDirectory,
+                         const std::function<void()>& redirect) {
   std::vector<char*> argv{const_cast<char*>(KELMSG_TOOL)};
   for (const std::string& argument : arguments)
     argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
-  return argv;
-}
-
-// In the child: the working directory, then kelmsg itself.
-int ExecKelmsg(const std::string& workingDirectory, std::vector<char*>& argv) {
-  if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
-    return 126;
-  execv(KELMSG_TOOL, argv.data());
-  return 127;
-}
-
-ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
-                         const std::string& workingDirectory, const ScratchDirectory& files) {
-  const std::string out = files / "out";
-  const std::string err = files / "err";
-  std::vector<char*> argv = Argv(arguments);
   return ChildProcess::Fork([&] {
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
-    return ExecKelmsg(workingDirectory, argv);
+    redirect();
+    if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
+      return 126;
+    execv(KELMSG_TOOL, argv.data());
+    return 127;
   });
 }
 
@@ -44,7 +35,11 @@ ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
 
 KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
                              const std::string& workingDirectory)
-    : m_process(StartKelmsg(arguments, workingDirectory, m_files)) {}
+    : m_process(
+          StartKelmsg(arguments, workingDirectory, [out = m_files / "out", err = m_files / "err"] {
+            dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0644), STDOUT_FILENO);
+            dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), STDERR_FILENO);
+          })) {}
 
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -74,17 +69,14 @@ KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
   return {status, kelmsg.Out(), kelmsg.Err()};
 }
 
-std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
-                                const std::string& workingDirectory, std::optional<int>& status) {
+KelmsgResult RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
+                                 const std::string& workingDirectory) {
   int terminal = -1;
   int slave = -1;
   if (openpty(&terminal, &slave, nullptr, nullptr, nullptr) != 0)
-    return "";
-  std::vector<char*> argv = Argv(arguments);
-  ChildProcess kelmsg = ChildProcess::Fork([&] {
-    dup2(slave, STDOUT_FILENO);
-    return ExecKelmsg(workingDirectory, argv);
-  });
+    return {};
+  ChildProcess kelmsg =
+      StartKelmsg(arguments, workingDirectory, [slave] { dup2(slave, STDOUT_FILENO); });
   close(slave);
   // Drain the terminal while kelmsg runs, so that it never blocks on a full one.
   std::string output;
@@ -92,8 +84,7 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   for (ssize_t got; (got = read(terminal, buffer, sizeof buffer)) > 0;)
     output.append(buffer, static_cast<std::size_t>(got));
   close(terminal);
-  status = kelmsg.ExitCode(30s);
-  return output;
+  return {kelmsg.ExitCode(30s), output, ""};
 }
 
 int LineCount(const std::string& text) {

@@ -28,6 +28,8 @@ class KelmsgProcess {
   std::optional<int> ExitCode(std::chrono::milliseconds limit = 30s) {
     return m_process.ExitCode(limit);
   }
+  bool Running() { return m_process.Running(); }
+  pid_t Pid() const { return m_process.Pid(); }
   void Signal(int signal) { m_process.Signal(signal); }
 
   std::string Out() const;
@@ -47,11 +49,10 @@ struct KelmsgResult {
 // Runs kelmsg to its end, at most 30 s.
 KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
                        const std::string& workingDirectory = "");
-
-// Runs kelmsg to its end with a terminal as its standard output, and returns
-// what it wrote there; the status goes to `status`.
-std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
-                                const std::string& workingDirectory, std::optional<int>& status);
+// The same with a terminal as its standard output: `out` is what it wrote
+// there, and standard error is the test's.
+KelmsgResult RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
+                                 const std::string& workingDirectory);
 
 // The number of lines of `text` (a last line without newline counts).
 int LineCount(const std::string& text);
