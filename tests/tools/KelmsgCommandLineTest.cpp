@@ -1,9 +1,12 @@
 // What every subcommand owes its user: help, and a failure as one line on
 // standard error, with status 2 for a command line it cannot understand and
-// 1 for anything else.
+// 1 for anything else.  And stamp, shared and unstamp, as a shell script
+// uses them.
 #include <csignal>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,14 +16,16 @@
 #include "TestBroker.h"
 #include "TestFiles.h"
 
+namespace fs = std::filesystem;
+
 namespace {
 
 TEST(KelmsgCommandLine, EveryCommandHasHelp) {
   for (const char* command : {"bus", "listen", "send", "serve", "push", "pull", "watch",
                               "find-port", "stamp", "shared", "unstamp"}) {
-    const KelmsgResult help = RunKelmsg({command, "--help"});
-    EXPECT_EQ(help.status, 0) << command << ": " << help.err;
-    EXPECT_NE(help.out.find(std::string("kelmsg ") + command), std::string::npos) << help.out;
+    KelmsgProcess help({command, "--help"});
+    EXPECT_EQ(help.ExitCode(), 0) << command << ": " << help.Err();
+    EXPECT_NE(help.Out().find(std::string("kelmsg ") + command), std::string::npos) << help.Out();
   }
 }
 
@@ -65,25 +70,19 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
       {{"bus", "--address", "nowhere"}, 2, "--address: Invalid IPV4"},
       {{"find-port", "1", "2"}, 2, "The following argument was not expected: 2"},
       {{"bus", "--ports", port}, 1, "no free port in " + port + "\n"},
-      {{"bus", "--ports", "20000-29999", "--config", "/nonexistent/mosquitto.conf"},
-       1,
-       "cannot read the broker configuration /nonexistent/mosquitto.conf\n"},
+      {{"bus", "--config", "/no/m.conf"}, 1, "cannot read the broker configuration /no/m.conf\n"},
       {{"find-port", port}, 1, "no free port in " + port + "\n"},
       {{"find-port", "ports,please"}, 1, "no port in the list \"ports,please\""},
-      {{"stamp", dir, "no-such-job", "monitor"},
-       1,
-       "cannot create " + dir + "/no-such-job/monitor.stamp\n"},
+      {{"stamp", dir, "nojob", "m"}, 1, "cannot create " + dir + "/nojob/m.stamp\n"},
       {{"send", "inbox", "--xml", "notes.txt"}, 1, "notes.txt is not an XML document\n"},
       {{"send", "inbox", "--xml", "absent.xml"}, 1, "cannot read absent.xml\n"},
       {{"listen", "inbox"}, 1, "inbox is already on the bus\n"},
       {{"push", "files", "absent.inp", "x"}, 1, "cannot read " + dir + "/absent.inp: "},
-      {{"pull", "files", "absent.inp", "x"},
-       1,
-       "files sent nothing for absent.inp (missing or empty there)\n"},
+      {{"pull", "files", "no.inp", "x"}, 1, "files sent nothing for no.inp (missing or empty"},
       {{"pull", "files", "x", "no-such-dir/x"}, 1, "cannot write " + dir + "/no-such-dir/x: "},
-      {{"push", "nobody", "model.inp", "copy.inp", "--timeout", "1"},
+      {{"push", "nobody", "model.inp", "x", "--timeout", "1"},
        1,
-       "no answer from nobody within 1 s (is it serving?)\n"},
+       "no answer from nobody within 1 s"},
   };
   std::vector<std::unique_ptr<KelmsgProcess>> runs;
   for (const Failure& failure : failures)
@@ -104,6 +103,35 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
   EXPECT_EQ(limited.ExitCode(), 1);
   EXPECT_TRUE(limited.Err().ends_with("kelmsg watch: inbox is still on the bus after 1 s\n"))
       << limited.Err();
+}
+
+// Two names for one directory, the real one and a symbolic link to it, and
+// another directory; relative bases are read against the working directory.
+// What a stamp is and when it shows is KelMsgPathExplorerTest's.
+TEST(KelmsgPathCommands, StampsTellASharedDirectoryFromAnotherOne) {
+  const ScratchDirectory scratch;
+  fs::create_directories(scratch / "real/job42");
+  fs::create_directories(scratch / "other/job42");
+  fs::create_directory_symlink(scratch / "real", scratch / "link");
+  const std::string real = scratch / "real/job42/monitor.stamp";
+  const std::string link = scratch / "link/job42/monitor.stamp";
+  const std::string other = scratch / "other/job42/monitor.stamp";
+  // Each command in turn, its status and what it prints.
+  const std::tuple<std::vector<std::string>, int, std::string> steps[] = {
+      {{"stamp", "real", "job42", "monitor"}, 0, real + "\n"},
+      {{"shared", scratch / "link", "job42", "monitor"}, 0, "shared: " + link + "\n"},
+      {{"shared", ".", "link/job42", "monitor"}, 0, "shared: " + link + "\n"},
+      {{"shared", "other", "job42", "monitor"}, 1, "not shared: " + other + "\n"},
+      {{"unstamp", "link", "job42", "monitor"}, 0, ""},
+      {{"shared", "real", "job42", "monitor"}, 1, "not shared: " + real + "\n"},
+      // Removing a stamp that is not there is no failure.
+      {{"unstamp", "real", "job42", "monitor"}, 0, ""}};
+  for (const auto& [arguments, status, out] : steps) {
+    KelmsgProcess step(arguments, scratch.Path());
+    EXPECT_EQ(step.ExitCode(), status) << ::testing::PrintToString(arguments);
+    EXPECT_EQ(step.Out(), out);
+    EXPECT_EQ(step.Err(), "");
+  }
 }
 
 }  // namespace

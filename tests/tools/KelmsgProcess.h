@@ -11,6 +11,7 @@
 
 #include "ChildProcess.h"
 #include "ScratchDirectory.h"
+#include "TestFiles.h"
 
 using namespace std::chrono_literals;
 
@@ -32,27 +33,19 @@ class KelmsgProcess {
   pid_t Pid() const { return m_process.Pid(); }
   void Signal(int signal) { m_process.Signal(signal); }
 
-  std::string Out() const;
-  std::string Err() const;
+  std::string Out() const { return ReadFile(m_files / "out"); }
+  std::string Err() const { return ReadFile(m_files / "err"); }
 
  private:
   ScratchDirectory m_files;  // before m_process: the child writes there
   ChildProcess m_process;
 };
 
-struct KelmsgResult {
-  std::optional<int> status;  // exit code; nothing when it did not exit
-  std::string out;
-  std::string err;
-};
-
-// Runs kelmsg to its end, at most 30 s.
-KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
-                       const std::string& workingDirectory = "");
-// The same with a terminal as its standard output: `out` is what it wrote
-// there, and standard error is the test's.
-KelmsgResult RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
-                                 const std::string& workingDirectory);
+// Runs kelmsg to its end, at most 30 s, with a terminal as its standard
+// output, and returns what it wrote there; its standard error is the
+// test's, and its exit code goes to `status`.
+std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
+                                const std::string& workingDirectory, std::optional<int>& status);
 
 // The number of lines of `text` (a last line without newline counts).
 int LineCount(const std::string& text);
