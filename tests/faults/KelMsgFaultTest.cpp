@@ -6,6 +6,7 @@
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -229,7 +230,7 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   // A normal exit: with the leak checker built in, a leak fails it.
   EXPECT_EQ(collector.ExitCode(20s), 0);
   const std::string err = collector.Err();
-  EXPECT_EQ(LineCount(err), 6) << err;
+  EXPECT_EQ(std::ranges::count(err, '\n'), 6) << err;
   for (const auto& [type, payload, report] : garbage) {
     EXPECT_TRUE(report.empty() || err.find("AssertionFailed:" + report + " -- ") != err.npos)
         << report;

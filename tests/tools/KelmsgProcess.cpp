@@ -1,43 +1,34 @@
 #include "KelmsgProcess.h"
 
-#include <fcntl.h>
 #include <pty.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <functional>
 #include <thread>
 
 namespace {
 
-// Everything the child needs is made before the fork: it only runs
-// `redirect`, which opens and duplicates descriptors, then changes directory
-// and execs.
+// A shell changes to the working directory (empty: the test's), sends one
+// stream of kelmsg's to `path` (`redirection` is "2>" or ">") and becomes
+// kelmsg.  The names travel as arguments, so that none needs quoting.
 ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
-                         const std::string& workingDirectory,
-                         const std::function<void()>& redirect) {
-  std::vector<char*> argv{const_cast<char*>(KELMSG_TOOL)};
-  for (const std::string& argument : arguments)
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  return ChildProcess::Fork([&] {
-    redirect();
-    if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
-      return 126;
-    execv(KELMSG_TOOL, argv.data());
-    return 127;
-  });
+                         const std::string& workingDirectory, const std::string& redirection,
+                         const std::string& path, const std::string& outputPath) {
+  std::vector<std::string> argv{
+      "/bin/sh",
+      "-c",
+      "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " + redirection + "\"$f\"",
+      KELMSG_TOOL,
+      workingDirectory.empty() ? "." : workingDirectory,
+      path};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return ChildProcess::Exec(argv, outputPath);
 }
 
 }  // namespace
 
 KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
                              const std::string& workingDirectory)
-    : m_process(
-          StartKelmsg(arguments, workingDirectory, [out = m_files / "out", err = m_files / "err"] {
-            dup2(open(out.c_str(), O_WRONLY | O_CREAT, 0644), STDOUT_FILENO);
-            dup2(open(err.c_str(), O_WRONLY | O_CREAT, 0644), STDERR_FILENO);
-          })) {}
+    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out")) {}
 
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -58,8 +49,7 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   int slave = -1;
   if (openpty(&terminal, &slave, nullptr, nullptr, nullptr) != 0)
     return "";
-  ChildProcess kelmsg =
-      StartKelmsg(arguments, workingDirectory, [slave] { dup2(slave, STDOUT_FILENO); });
+  ChildProcess kelmsg = StartKelmsg(arguments, workingDirectory, ">", ptsname(terminal), "");
   close(slave);
   // Drain the terminal while kelmsg runs, so that it never blocks on a full one.
   std::string output;
@@ -69,9 +59,4 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   close(terminal);
   status = kelmsg.ExitCode(30s);
   return output;
-}
-
-int LineCount(const std::string& text) {
-  return static_cast<int>(std::count(text.begin(), text.end(), '\n')) +
-         (!text.empty() && text.back() != '\n');
 }

@@ -47,7 +47,4 @@ class KelmsgProcess {
 std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
                                 const std::string& workingDirectory, std::optional<int>& status);
 
-// The number of lines of `text` (a last line without newline counts).
-int LineCount(const std::string& text);
-
 #endif  // KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
