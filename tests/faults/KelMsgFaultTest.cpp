@@ -133,17 +133,18 @@ TEST_F(KelMsgFaultTest, BrokerRestartedUnderTwoConnectedProcessesBothResume) {
   EXPECT_EQ(watch.ExitCode(20s), 0) << watch.Err();
 }
 
-// The receiver runs a fifth of the time; meanwhile the sender's peak
-// resident size must stay under a quarter of what it pushes (about 12 MiB
-// measured without sanitizers, 36 MiB with them).
+// The receiver runs a fifth of the time.  Meanwhile the sender's peak
+// resident size may grow beyond the footprint of the same program idle (the
+// receiver's) by less than an eighth of what it pushes: about 6 MiB measured
+// without sanitizers, 17 MiB with them, on a footprint of 47 MiB.
 TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded) {
-  const long limitKiB = 64 * 1024;
   WritePatternFile(Path("large.dat"), 256);
   const auto receiver = Serve("receiver");
+  const long footprintKiB = PeakResidentKiB(receiver->Pid());
   // AddressSanitizer keeps freed memory in quarantine, 256 MiB of it by
   // default, which would count against the limit; a small quarantine keeps
   // the figure about the sender's own memory.  Without the sanitizer the
-  // variable means nothing; nothing started later in this test minds it.
+  // variable means nothing; nothing started later minds it.
   const char* asan = std::getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS",
          (std::string(asan != nullptr ? asan : "") + ":quarantine_size_mb=8").c_str(), 1);
@@ -159,8 +160,8 @@ TEST_F(KelMsgFaultTest, SlowReceiverLosesNothingAndTheSendersMemoryStaysBounded)
     std::this_thread::sleep_for(10ms);
   }
   ASSERT_EQ(sender->ExitCode(), 0) << sender->Err();
-  RecordProperty("sender_peak_resident_kib", static_cast<int>(peakKiB));
-  EXPECT_LT(peakKiB, limitKiB) << "peak resident size of the sender, KiB";
+  RecordProperty("sender_growth_kib", static_cast<int>(peakKiB - footprintKiB));
+  EXPECT_LT(peakKiB - footprintKiB, 32 * 1024) << "KiB over the footprint of " << footprintKiB;
   EXPECT_TRUE(SameContents(Path("large.dat"), Path("large.out")));
   Stop(*receiver);
 }
