@@ -1,6 +1,7 @@
 // KelmsgProcess: the built kelmsg, run as a user runs it: a process of its
 // own with the test's environment (KELBUS_URL included), its standard output
-// and error captured apart.
+// and error captured apart.  The object owns the process and kills one still
+// running when it goes; one thread uses it.
 #ifndef KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 #define KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 
@@ -30,6 +31,8 @@ class KelmsgProcess {
     return m_process.ExitCode(limit);
   }
   bool Running() { return m_process.Running(); }
+  // kelmsg's once it has written anything; before, that of the shell that
+  // becomes it.
   pid_t Pid() const { return m_process.Pid(); }
   void Signal(int signal) { m_process.Signal(signal); }
 
