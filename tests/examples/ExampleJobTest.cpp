@@ -1,5 +1,6 @@
 // The job monitor drives the solver through one whole job on a real broker:
-// every step of the demo's transcript happens, in order.
+// every step of the demo's transcript happens, in order.  The monitor
+// compares the result it pulled back itself.
 #include <chrono>
 #include <string>
 
@@ -20,9 +21,8 @@ TEST(ExampleJob, RunsFromStampToDeparture) {
 
   ChildProcess monitor =
       ChildProcess::Exec({KELMSG_JOB_MONITOR, KELMSG_SOLVER, scratch / "work"}, scratch / "log");
-  const std::optional<int> status = monitor.ExitCode(std::chrono::seconds(120));
+  ASSERT_EQ(monitor.ExitCode(std::chrono::seconds(120)), 0) << ReadFile(scratch / "log");
   const std::string transcript = ReadFile(scratch / "log");
-  ASSERT_EQ(status, 0) << transcript;
   std::size_t at = 0;
   for (const char* step :
        {"monitor: the solver sees the job directory through ",
@@ -32,8 +32,6 @@ TEST(ExampleJob, RunsFromStampToDeparture) {
     at = transcript.find(step, at);
     ASSERT_NE(at, std::string::npos) << "missing \"" << step << "\" in:\n" << transcript;
   }
-  EXPECT_EQ(ReadFile(scratch / "work/job42/model.res"),
-            ReadFile(scratch / "work/job42/model.res.pulled"));
 }
 
 }  // namespace

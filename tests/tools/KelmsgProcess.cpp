@@ -1,50 +1,34 @@
 #include "KelmsgProcess.h"
 
-#include <fcntl.h>
 #include <pty.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <thread>
-
-#include "TestFiles.h"
 
 namespace {
 
-// Everything a child needs is made before the fork: it only opens and execs.
-std::vector<char*> Argv(const std::vector<std::string>& arguments) {
-  std::vector<char*> argv{const_cast<char*>(KELMSG_TOOL)};
-  for (const std::string& argument : arguments)
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  return argv;
-}
-
-// In the child: the working directory, then kelmsg itself.
-int ExecKelmsg(const std::string& workingDirectory, std::vector<char*>& argv) {
-  if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
-    return 126;
-  execv(KELMSG_TOOL, argv.data());
-  return 127;
-}
-
+// A shell changes to the working directory (empty: the test's), sends one
+// stream of kelmsg's to `path` (`redirection` is "2>" or ">") and becomes
+// kelmsg.  The names travel as arguments, so that none needs quoting.
 ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
-                         const std::string& workingDirectory, const ScratchDirectory& files) {
-  const std::string out = files / "out";
-  const std::string err = files / "err";
-  std::vector<char*> argv = Argv(arguments);
-  return ChildProcess::Fork([&] {
-    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-    dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
-    return ExecKelmsg(workingDirectory, argv);
-  });
+                         const std::string& workingDirectory, const std::string& redirection,
+                         const std::string& path, const std::string& outputPath) {
+  std::vector<std::string> argv{
+      "/bin/sh",
+      "-c",
+      "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " + redirection + "\"$f\"",
+      KELMSG_TOOL,
+      workingDirectory.empty() ? "." : workingDirectory,
+      path};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return ChildProcess::Exec(argv, outputPath);
 }
 
 }  // namespace
 
 KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
                              const std::string& workingDirectory)
-    : m_process(StartKelmsg(arguments, workingDirectory, m_files)) {}
+    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out")) {}
 
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -59,32 +43,13 @@ bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::millisec
   }
 }
 
-std::string KelmsgProcess::Out() const {
-  return ReadFile(m_files / "out");
-}
-
-std::string KelmsgProcess::Err() const {
-  return ReadFile(m_files / "err");
-}
-
-KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
-                       const std::string& workingDirectory) {
-  KelmsgProcess kelmsg(arguments, workingDirectory);
-  const std::optional<int> status = kelmsg.ExitCode();
-  return {status, kelmsg.Out(), kelmsg.Err()};
-}
-
 std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
                                 const std::string& workingDirectory, std::optional<int>& status) {
   int terminal = -1;
   int slave = -1;
   if (openpty(&terminal, &slave, nullptr, nullptr, nullptr) != 0)
     return "";
-  std::vector<char*> argv = Argv(arguments);
-  ChildProcess kelmsg = ChildProcess::Fork([&] {
-    dup2(slave, STDOUT_FILENO);
-    return ExecKelmsg(workingDirectory, argv);
-  });
+  ChildProcess kelmsg = StartKelmsg(arguments, workingDirectory, ">", ptsname(terminal), "");
   close(slave);
   // Drain the terminal while kelmsg runs, so that it never blocks on a full one.
   std::string output;
@@ -94,9 +59,4 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   close(terminal);
   status = kelmsg.ExitCode(30s);
   return output;
-}
-
-int LineCount(const std::string& text) {
-  return static_cast<int>(std::count(text.begin(), text.end(), '\n')) +
-         (!text.empty() && text.back() != '\n');
 }

@@ -1,6 +1,7 @@
 // KelmsgProcess: the built kelmsg, run as a user runs it: a process of its
 // own with the test's environment (KELBUS_URL included), its standard output
-// and error captured apart.
+// and error captured apart.  The object owns the process and kills one still
+// running when it goes; one thread uses it.
 #ifndef KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 #define KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 
@@ -11,6 +12,7 @@
 
 #include "ChildProcess.h"
 #include "ScratchDirectory.h"
+#include "TestFiles.h"
 
 using namespace std::chrono_literals;
 
@@ -28,32 +30,24 @@ class KelmsgProcess {
   std::optional<int> ExitCode(std::chrono::milliseconds limit = 30s) {
     return m_process.ExitCode(limit);
   }
+  bool Running() { return m_process.Running(); }
+  // kelmsg's once it has written anything; before, that of the shell that
+  // becomes it.
+  pid_t Pid() const { return m_process.Pid(); }
   void Signal(int signal) { m_process.Signal(signal); }
 
-  std::string Out() const;
-  std::string Err() const;
+  std::string Out() const { return ReadFile(m_files / "out"); }
+  std::string Err() const { return ReadFile(m_files / "err"); }
 
  private:
   ScratchDirectory m_files;  // before m_process: the child writes there
   ChildProcess m_process;
 };
 
-struct KelmsgResult {
-  std::optional<int> status;  // exit code; nothing when it did not exit
-  std::string out;
-  std::string err;
-};
-
-// Runs kelmsg to its end, at most 30 s.
-KelmsgResult RunKelmsg(const std::vector<std::string>& arguments,
-                       const std::string& workingDirectory = "");
-
-// Runs kelmsg to its end with a terminal as its standard output, and returns
-// what it wrote there; the status goes to `status`.
+// Runs kelmsg to its end, at most 30 s, with a terminal as its standard
+// output, and returns what it wrote there; its standard error is the
+// test's, and its exit code goes to `status`.
 std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
                                 const std::string& workingDirectory, std::optional<int>& status);
-
-// The number of lines of `text` (a last line without newline counts).
-int LineCount(const std::string& text);
 
 #endif  // KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
