@@ -1,4 +1,4 @@
-// The four message types against what the registry and the printing handler
+// The message types against what the registry and the printing handler
 // need of every message, over samples of each type; then the rules that only
 // one type has.  Payloads reach Unstream in allocations of exactly their
 // size, so the sanitizer sees any read past their end.
@@ -18,6 +18,7 @@
 #include <KelMsgFeaMessaging/KelMsgProcessControlTypeFactory.h>
 #include <KelMsgFeaMessaging/KelMsgStreamUtils.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 #include <gtest/gtest.h>
 
 #include "FatalErrorCapture.h"
@@ -83,11 +84,14 @@ const Kind kKinds[] = {
      "AssertionFailed:len > 0"},
     {"KelMsgFileTransferType", New<KelMsgFileTransferType>, "DataType", "", false, false, 4, 8,
      kNegative},
+    {"KelMsgTransferReceiptType", New<KelMsgTransferReceiptType>, "Step", "", false, false, 4, 1,
+     kNegative},
 };
 const Kind* const kRaw = &kKinds[0];
 const Kind* const kAnalysis = &kKinds[1];
 const Kind* const kControl = &kKinds[2];
 const Kind* const kTransfer = &kKinds[3];
+const Kind* const kReceipt = &kKinds[4];
 
 // Print's first lines, with the prefix "> ".
 std::string PrintedHead(const Kind& kind) {
@@ -147,6 +151,21 @@ std::vector<Sample> Samples() {
       {kTransfer, nullptr, Int32(3) + noNames + Int32(1) + Int32(-5), "3\n"},
       {kTransfer, nullptr, notify + Int32(-1) + Int32(0), "2\n"},
   };
+  KelMsgTransferReceipt noSpace;
+  noSpace.m_bytes = (std::int64_t{1} << 32) + 2;  // both halves of the count
+  noSpace.m_digest = "ab";
+  noSpace.m_failure = KelMsgTransferReceipt::FAILURE_CANNOT_WRITE;
+  noSpace.m_reason = "No space left on device";
+  samples.push_back({kReceipt,
+                     std::make_shared<KelMsgTransferReceiptType>(
+                         KelMsgTransferReceiptType::RECEIPT_WRITTEN, "job/x.bin", noSpace),
+                     Int32(3) + Counted("job/x.bin") + Int32(2) + Int32(1) + Counted("ab") +
+                         Int32(2) + Counted("No space left on device"),
+                     "3, bytes: 4294967298, failure: 2\n"});
+  samples.push_back(
+      {kReceipt, New<KelMsgTransferReceiptType>(),
+       Int32(1) + Counted("") + std::string(8, '\0') + Counted("") + Int32(0) + Counted(""),
+       "1, bytes: 0, failure: 0\n"});
   for (Sample& sample : samples) {
     if (sample.sent == nullptr)
       sample.sent = Received(*sample.kind, sample.payload);
@@ -226,7 +245,20 @@ TEST(MessageTypes, PayloadsOnlyOneTypeReceives) {
   const std::tuple<Message (*)(), std::string, std::string, Reports> cases[] = {
       // The text ends at a NUL, while the count covers every byte.
       {New<KelMsgAnalysisMessageType>, Counted(std::string("<A/>\0<B/>", 9)), Counted("<A/>"), {}},
-      {New<KelMsgProcessControlType>, Int32(0), "", {"AssertionFailed:len > 0"}}};
+      {New<KelMsgProcessControlType>, Int32(0), "", {"AssertionFailed:len > 0"}},
+      // A receipt of an unknown step or failure, or of a negative count.
+      {New<KelMsgTransferReceiptType>,
+       Int32(4) + Counted("") + std::string(8, '\0') + Counted("") + Int32(0) + Counted(""),
+       "",
+       {"AssertionFailed:KnownStep(step)"}},
+      {New<KelMsgTransferReceiptType>,
+       Int32(2) + Counted("") + std::string(8, '\0') + Counted("") + Int32(6) + Counted(""),
+       "",
+       {"AssertionFailed:KnownFailure(receipt.m_failure)"}},
+      {New<KelMsgTransferReceiptType>,
+       Int32(2) + Counted("") + Int32(0) + Int32(-1) + Counted("") + Int32(0) + Counted(""),
+       "",
+       {"AssertionFailed:high >= 0"}}};
   for (const auto& [prototype, payload, streamed, reports] : cases) {
     const Message msg = prototype();
     FatalErrorCapture capture;

@@ -1,7 +1,10 @@
 // What every subcommand owes its user: help, and a failure as one line on
 // standard error, with status 2 for a command line it cannot understand and
 // 1 for anything else.
+#include <sys/resource.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,6 +64,16 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
   KelmsgProcess files({"serve", "files", "--dir", dir});
   ASSERT_TRUE(inbox.WaitForOutput("listening as inbox\n")) << inbox.Err();
   ASSERT_TRUE(files.WaitForOutput("serving files as files")) << files.Err();
+  // A server that may write files of 100,000 bytes at most.
+  WriteFile(scratch / "big.inp", std::string(200000, 'b'));
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit unlimited = limit;
+  limit.rlim_cur = 100000;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  KelmsgProcess small({"serve", "small", "--dir", dir});
+  setrlimit(RLIMIT_FSIZE, &unlimited);
+  ASSERT_TRUE(small.WaitForOutput("serving files as small")) << small.Err();
 
   const Failure failures[] = {
       {{}, 2, "A subcommand is required"},
@@ -91,14 +104,19 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
       {{"push", "files", "absent.inp", "x"}, 1, "cannot read " + dir + "/absent.inp: "},
       {{"pull", "files", "absent.inp", "x"},
        1,
-       "files sent nothing for absent.inp (missing or empty there)\n"},
-      {{"pull", "files", "x", "no-such-dir/x"}, 1, "cannot write " + dir + "/no-such-dir/x: "},
-      {{"push", "nobody", "model.inp", "copy.inp", "--timeout", "1"},
+       "files could not read absent.inp: No such file or directory; removed x.partial\n"},
+      {{"pull", "files", "absent.inp", "kept", "--keep-partial"}, 1, "; kept kept.partial\n"},
+      {{"pull", "files", "model.inp", "no-such-dir/x"},
        1,
-       "no answer from nobody within 1 s (is it serving?)\n"},
-      {{"pull", "nobody", "model.inp", "copy.inp", "--timeout", "1"},
+       "could not create no-such-dir/x: No such file or directory\n"},
+      {{"push", "small", "big.inp", "big.out"},
        1,
-       "no answer from nobody within 1 s (is it serving?)\n"},
+       "small could not write big.out: File too large (100000 of 200000 bytes)\n"},
+      {{"push", "nobody", "model.inp", "copy.inp"},
+       1,
+       "nobody is not on the bus (is it serving?)\n"},
+      // Another name: probes of one name at once would see each other.
+      {{"pull", "noone", "model.inp", "copy.inp"}, 1, "noone is not on the bus (is it serving?)\n"},
   };
   std::vector<std::unique_ptr<KelmsgProcess>> runs;
   for (const Failure& failure : failures)
@@ -115,6 +133,9 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
     EXPECT_EQ(err.rfind(prefix, 0), 0U);
     EXPECT_NE(err.find(failure.message), std::string::npos);
   }
+  for (const char* left : {"/x", "/x.partial", "/kept", "/big.out", "/big.out.partial"})
+    EXPECT_FALSE(std::filesystem::exists(dir + left)) << left;
+  EXPECT_TRUE(std::filesystem::exists(dir + "/kept.partial"));
 }
 
 }  // namespace

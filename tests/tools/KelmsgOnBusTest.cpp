@@ -53,9 +53,10 @@ TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
         "<Kill type=\"symconst\">SOFT_KILL</Kill>"}},
       {{"send", "inbox", "--kill", "hard"}, 1, {"-- id kelmsg-send-", "HARD_KILL</Kill>"}},
       {{"push", "inbox", "deck.inp", "copy.inp", "--no-wait", "--as", "holder"},
-       3,
+       4,
        {"id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 2\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 3\n",
+        "id holder\nMessage Type: KelMsgTransferReceiptType\n   Step: 2, bytes: 18, failure: 0\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 5\n"}}};
   for (const Delivery& delivery : deliveries) {
     SCOPED_TRACE(::testing::PrintToString(delivery.send));
@@ -156,6 +157,26 @@ TEST_F(KelmsgOnBus, FilesCrossByteForByteUntilAKillEndsServing) {
   EXPECT_NE(serve.Out().find("SOFT_KILL from monitor: leaving\n"), std::string::npos);
   for (const char* copy : {"/deck.inp", "/nowait.inp", "/bar.inp"})
     EXPECT_EQ(ReadFile(server + copy), model) << copy;
+}
+
+// The broker holds still while the pusher dies, so that it dies mid-push.
+TEST_F(KelmsgOnBus, AServerRemovesThePartialFileOfAPusherThatDies) {
+  const std::string server = m_scratch / "server";
+  fs::create_directories(server);
+  WriteFile(m_scratch / "big.bin", std::string(32 << 20, 'k'));
+  KelmsgProcess serve({"serve", "files", "--dir", server});
+  ASSERT_TRUE(serve.WaitForOutput("serving files as files from " + server + "\n")) << serve.Err();
+  KelmsgProcess push({"push", "files", "big.bin", "big.bin", "--as", "doomed"}, m_scratch.Path());
+  ASSERT_TRUE(serve.WaitForOutput("updating chunkId 1 for source Application doomed\n"));
+  m_broker.Signal(SIGSTOP);
+  push.Signal(SIGKILL);
+  EXPECT_EQ(push.ExitCode(), std::nullopt);
+  m_broker.Signal(SIGCONT);
+  EXPECT_TRUE(serve.WaitForOutput(
+      "could not receive from doomed: doomed left the bus while sending big.bin ("));
+  EXPECT_TRUE(serve.WaitForOutput(" bytes received); removed big.bin.partial\n")) << serve.Out();
+  EXPECT_FALSE(fs::exists(server + "/big.bin.partial"));
+  EXPECT_FALSE(fs::exists(server + "/big.bin"));
 }
 
 }  // namespace
