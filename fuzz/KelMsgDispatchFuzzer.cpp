@@ -1,5 +1,5 @@
 // A received buffer, as any process on the bus could send it, dispatched by
-// the registry under one of the four type names or under a name nobody
+// the registry under one of the library's type names or under a name nobody
 // registered.
 //
 // Input: the first byte picks the type name; the rest is the buffer (envelope
@@ -20,15 +20,16 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 
 #include "FuzzSupport.h"
 #include "KelMsgCheck.h"
 
 namespace {
 
-constexpr const char* kTypeNames[] = {"KelMsgStringType", "KelMsgAnalysisMessageType",
+constexpr const char* kTypeNames[] = {"KelMsgStringType",         "KelMsgAnalysisMessageType",
                                       "KelMsgProcessControlType", "KelMsgFileTransferType",
-                                      "KelMsgUnknownType"};
+                                      "KelMsgUnknownType",        "KelMsgTransferReceiptType"};
 constexpr std::size_t kTypeCount = sizeof kTypeNames / sizeof kTypeNames[0];
 
 FILE* g_devNull = nullptr;
@@ -75,7 +76,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   for (KelMsgBBMessage* proto : {static_cast<KelMsgBBMessage*>(new KelMsgStringType),
                                  static_cast<KelMsgBBMessage*>(new KelMsgAnalysisMessageType),
                                  static_cast<KelMsgBBMessage*>(new KelMsgProcessControlType),
-                                 static_cast<KelMsgBBMessage*>(new KelMsgFileTransferType)}) {
+                                 static_cast<KelMsgBBMessage*>(new KelMsgFileTransferType),
+                                 static_cast<KelMsgBBMessage*>(new KelMsgTransferReceiptType)}) {
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(proto, new CheckingHandler);
   }
   return 0;
