@@ -136,6 +136,12 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
   for (const char* left : {"/x", "/x.partial", "/kept", "/big.out", "/big.out.partial"})
     EXPECT_FALSE(std::filesystem::exists(dir + left)) << left;
   EXPECT_TRUE(std::filesystem::exists(dir + "/kept.partial"));
+  // Not waiting for the receipt does not spare the server its check.
+  ASSERT_EQ(RunKelmsg({"push", "small", "big.inp", "later.out", "--no-wait"}, dir).status, 0);
+  EXPECT_TRUE(small.WaitForOutput(
+      "could not write later.out: File too large (100000 of 200000 bytes); removed "
+      "later.out.partial\n"))
+      << small.Out();
 }
 
 }  // namespace

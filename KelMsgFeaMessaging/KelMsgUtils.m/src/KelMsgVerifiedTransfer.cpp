@@ -361,17 +361,17 @@ void KelMsgVerifiedTransfer::Parts::Announce(const KelMsgFileTransferData& notic
   const char* fileName = notice.m_targetFileName.GetUTF8();
   // A second announcement of a source is the engine's to refuse; the file
   // it opens is a partial one all the same.
-  const Inbound& inbound =
-      Find(source) != nullptr
-          ? *Find(source)
-          : Expect(source,
-                   {source, "",
-                    ShownName(notice.m_sourceJobDir.GetUTF8(), notice.m_sourceFileName.GetUTF8()),
-                    ShownName(jobDir, fileName)},
-                   notice.m_targetBaseDir.GetUTF8(), jobDir, fileName, false);
+  const Inbound* inbound = Find(source);
+  if (inbound == nullptr) {
+    inbound = &Expect(
+        source,
+        {source, "", ShownName(notice.m_sourceJobDir.GetUTF8(), notice.m_sourceFileName.GetUTF8()),
+         ShownName(jobDir, fileName)},
+        notice.m_targetBaseDir.GetUTF8(), jobDir, fileName, false);
+  }
   m_engine.Receive(source, notice.m_sourceBaseDir.GetUTF8(), notice.m_sourceJobDir.GetUTF8(),
                    notice.m_sourceFileName.GetUTF8(), notice.m_targetApplication.GetUTF8(),
-                   notice.m_targetBaseDir.GetUTF8(), jobDir, inbound.partialName.c_str());
+                   notice.m_targetBaseDir.GetUTF8(), jobDir, inbound->partialName.c_str());
 }
 
 Inbound& KelMsgVerifiedTransfer::Parts::Expect(const std::string& source, Parties parties,
