@@ -138,7 +138,6 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
         new KelMsgTransferReceiptType,
         new Route<KelMsgTransferReceiptType, &Parts::OnReceipt>(*this));
   }
-  ~Parts() override { m_engine.SetObserver(nullptr); }
   Parts(const Parts&) = delete;
   Parts& operator=(const Parts&) = delete;
 
