@@ -115,6 +115,14 @@ TEST(KelmsgCommandLine, EveryFailureIsOneLineWithItsStatus) {
       {{"push", "nobody", "model.inp", "copy.inp"},
        1,
        "nobody is not on the bus (is it serving?)\n"},
+      // A listener holds its name but answers nothing.
+      {{"push", "inbox", "model.inp", "copy.inp", "--timeout", "1"},
+       1,
+       "no receipt from inbox for copy.inp within 1 s\n"},
+      {{"pull", "inbox", "model.inp", "silent.inp", "--timeout", "1"},
+       1,
+       "abandoned silent.inp: inbox sent nothing within 1 s (0 bytes written); removed "
+       "silent.inp.partial\n"},
       // Another name: probes of one name at once would see each other.
       {{"pull", "noone", "model.inp", "copy.inp"}, 1, "noone is not on the bus (is it serving?)\n"},
   };
