@@ -224,7 +224,8 @@ void AddFileCommands(CLI::App& app) {
   CLI::App* pushCommand =
       AddTransferCommand(app, "push", "send the local file SOURCE to APP as TARGET", push);
   pushCommand->add_flag("--no-wait", push->noWait,
-                        "leave once the file is sent, without waiting for APP to confirm");
+                        "leave once the file is sent, without waiting for the receipt; APP still "
+                        "checks the file and logs what went wrong");
   pushCommand->callback([push] { Push(*push); });
 
   auto pull = std::make_shared<TransferOptions>();
