@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransferObserver.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <gtest/gtest.h>
 
@@ -44,6 +45,22 @@ class RecordTap : public KelMsgBBMessageHandler {
  private:
   KelMsgFileTransferHandler m_handler;
   std::vector<std::string> m_records;
+};
+
+// Notes what the engine tells an observer of the files it receives.
+class ReceivingNotes : public KelMsgFileTransferObserver {
+ public:
+  void ReceiveFileOpened(const char* source, const char* /*path*/, int descriptor,
+                         int error) override {
+    Note("opened", source, descriptor < 0 ? error : 0);
+  }
+  void TransferAbandoned(const char* source) override { Note("abandoned", source, 0); }
+  void ReceiveFileClosed(const char* source) override { Note("closed", source, 0); }
+  void Note(const std::string& what, const char* source, int error) {
+    m_notes.push_back(what + " " + source + (error != 0 ? " " + std::to_string(error) : ""));
+  }
+
+  std::vector<std::string> m_notes;
 };
 
 class FileTransferTest : public ::testing::Test {
@@ -196,10 +213,16 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   EXPECT_EQ(engine.ReceiveSendCompletion("nobody"), 0);
   EXPECT_EQ(engine.CloseFile(-1), 0);
   // Chunks out of order abandon the transfer; they are answered like any.
+  ReceivingNotes notes;
+  engine.SetObserver(&notes);
   EXPECT_EQ(engine.OpenFile("late", Mine("late").c_str(), false), 0);
+  EXPECT_EQ(engine.OpenFile("lost", Mine("no/such").c_str(), false), 0);
   EXPECT_EQ(engine.ReceiveChunk("late", 2, 0, nullptr), 0);
   EXPECT_EQ(engine.ReceiveChunk("late", 1, 0, nullptr), 0);
   EXPECT_EQ(engine.ReceiveSendCompletion("late"), 0);
+  engine.SetObserver(nullptr);
+  EXPECT_EQ(notes.m_notes, (std::vector<std::string>{"opened late", "opened lost 2",
+                                                     "abandoned late", "closed late"}));
   ASSERT_EQ(reports.Messages(),
             std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
