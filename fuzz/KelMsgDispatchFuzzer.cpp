@@ -1,5 +1,5 @@
 // A received buffer, as any process on the bus could send it, dispatched by
-// the registry under one of the four type names or under a name nobody
+// the registry under one of the library's type names or under a name nobody
 // registered.
 //
 // Input: the first byte picks the type name; the rest is the buffer (envelope
@@ -20,15 +20,16 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 
 #include "FuzzSupport.h"
 #include "KelMsgCheck.h"
 
 namespace {
 
-constexpr const char* kTypeNames[] = {"KelMsgStringType", "KelMsgAnalysisMessageType",
+constexpr const char* kTypeNames[] = {"KelMsgStringType",         "KelMsgAnalysisMessageType",
                                       "KelMsgProcessControlType", "KelMsgFileTransferType",
-                                      "KelMsgUnknownType"};
+                                      "KelMsgUnknownType",        "KelMsgTransferReceiptType"};
 
 std::vector<char> StreamToBytes(const KelMsgBBMessage& msg) {
   std::vector<char> bytes(static_cast<std::size_t>(msg.RequiredBufferSize()));
@@ -65,7 +66,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   static KelMsgBBCallbackManager registry;
   for (KelMsgBBMessage* proto : std::initializer_list<KelMsgBBMessage*>{
            new KelMsgStringType, new KelMsgAnalysisMessageType, new KelMsgProcessControlType,
-           new KelMsgFileTransferType}) {
+           new KelMsgFileTransferType, new KelMsgTransferReceiptType}) {
     KelMsgBBCallbackManager::AdoptPrototypeAndHandler(proto, new CheckingHandler);
   }
   return 0;

@@ -1,4 +1,4 @@
-// The four message types against what the registry and the printing handler
+// The message types against what the registry and the printing handler
 // need of every message, over samples of each type; then the rules that only
 // one type has.  Payloads reach Unstream in allocations of exactly their
 // size, so the sanitizer sees any read past their end.
@@ -19,6 +19,7 @@
 #include <KelMsgFeaMessaging/KelMsgProcessControlTypeFactory.h>
 #include <KelMsgFeaMessaging/KelMsgStreamUtils.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 #include <gtest/gtest.h>
 
 #include "FatalErrorCapture.h"
@@ -77,7 +78,7 @@ struct Kind {
 };
 
 // Indices into kKinds.
-enum { kRaw, kAnalysis, kControl, kTransfer };
+enum { kRaw, kAnalysis, kControl, kTransfer, kReceipt };
 const Kind kKinds[] = {
     {"KelMsgStringType", New<KelMsgStringType>, "size", "", true, false, 0, 0, nullptr},
     {"KelMsgAnalysisMessageType", New<KelMsgAnalysisMessageType>, nullptr, "DefaultPfix", true,
@@ -85,6 +86,8 @@ const Kind kKinds[] = {
     {"KelMsgProcessControlType", New<KelMsgProcessControlType>, "Content", "", true, true, 0, 1,
      "AssertionFailed:len > 0"},
     {"KelMsgFileTransferType", New<KelMsgFileTransferType>, "DataType", "", false, false, 4, 8,
+     kNegative},
+    {"KelMsgTransferReceiptType", New<KelMsgTransferReceiptType>, "Step", "", false, false, 4, 1,
      kNegative},
 };
 
@@ -120,6 +123,12 @@ std::string Kill(const char* value) {
          "</Kill>";
 }
 
+// A receipt's payload with empty strings and a count below 2^32 times `high`.
+std::string Receipt(std::int32_t step, std::int32_t high, std::int32_t failure) {
+  return Int32(step) + Counted("") + Int32(0) + Int32(high) + Counted("") + Int32(failure) +
+         Counted("");
+}
+
 std::vector<Sample> Samples() {
   std::string notify = Int32(2);
   for (const char* name :
@@ -141,6 +150,12 @@ std::vector<Sample> Samples() {
       // A chunk size below 0 carries no bytes, like 0, and is no reason to refuse.
       {kTransfer, nullptr, Int32(3) + noNames + Int32(1) + Int32(-5), "3\n"},
       {kTransfer, nullptr, notify + Int32(-1) + Int32(0), "2\n"},
+      {kReceipt, New<KelMsgTransferReceiptType>(), Receipt(1, 0, 0), "1, bytes: 0, failure: 0\n"},
+      // Both halves of the count.
+      {kReceipt, nullptr,
+       Int32(3) + Counted("job/x.bin") + Int32(2) + Int32(1) + Counted("ab") + Int32(2) +
+           Counted("No space left on device"),
+       "3, bytes: 4294967298, failure: 2\n"},
   };
   for (Sample& sample : samples) {
     if (sample.sent == nullptr)
@@ -204,6 +219,25 @@ TEST(MessageTypes, DamagedPayloadsAreRefusedOnceAndChangeNothing) {
       std::memcpy(&count, whole.data() + at, 4);
       at += 4 + static_cast<std::size_t>(count);
     }
+  }
+}
+
+// A receipt holds a known step and failure code and no negative count.
+TEST(MessageTypes, ReceiptsOutsideTheirCodesAreRefused) {
+  const char* const kStep = "AssertionFailed:KnownStep(step)";
+  const char* const kFailure = "AssertionFailed:KnownFailure(receipt.m_failure)";
+  const std::pair<std::string, const char*> cases[] = {
+      {Receipt(0, 0, 0), kStep},
+      {Receipt(4, 0, 0), kStep},
+      {Receipt(1, 0, -1), kFailure},
+      {Receipt(1, 0, 6), kFailure},
+      {Receipt(1, -1, 0), "AssertionFailed:high >= 0"}};
+  for (const auto& [payload, report] : cases) {
+    const Message msg = Received(kKinds[kReceipt], Receipt(3, 1, 5));
+    FatalErrorCapture capture;
+    EXPECT_TRUE(Refuses(*msg, payload));
+    EXPECT_EQ(capture.Messages(), Reports{report});
+    EXPECT_EQ(Streamed(*msg), Receipt(3, 1, 5));
   }
 }
 

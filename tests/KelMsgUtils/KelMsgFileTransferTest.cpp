@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransferObserver.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <gtest/gtest.h>
 
@@ -35,6 +36,22 @@ class RecordTap : public KelMsgFileTransferHandler {
     KelMsgFileTransferHandler::HandleMessage(msg, id);
   }
   std::vector<std::string> records;
+};
+
+// Notes what the engine tells an observer of the files it receives.
+class ReceivingNotes : public KelMsgFileTransferObserver {
+ public:
+  void ReceiveFileOpened(const char* source, const char* /*path*/, int descriptor,
+                         int error) override {
+    Note("opened", source, descriptor < 0 ? error : 0);
+  }
+  void TransferAbandoned(const char* source) override { Note("abandoned", source, 0); }
+  void ReceiveFileClosed(const char* source) override { Note("closed", source, 0); }
+  void Note(const std::string& what, const char* source, int error) {
+    m_notes.push_back(what + " " + source + (error != 0 ? " " + std::to_string(error) : ""));
+  }
+
+  std::vector<std::string> m_notes;
 };
 
 // Every test has this process's engine, tracing at Level() into m_trace, and
@@ -150,10 +167,16 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   EXPECT_EQ(m_engine->CloseFile(-1), 0);
   EXPECT_EQ(m_engine->ReadChunk(), 0) << "from no file";
   // Chunks out of order abandon the transfer; they are answered like any.
+  ReceivingNotes notes;
+  m_engine->SetObserver(&notes);
   EXPECT_EQ(m_engine->OpenFile("late", Mine("late").c_str(), false), 0);
+  EXPECT_EQ(m_engine->OpenFile("lost", Mine("no/such").c_str(), false), 0);
   EXPECT_EQ(m_engine->ReceiveChunk("late", 2, 0, nullptr), 0);
   EXPECT_EQ(m_engine->ReceiveChunk("late", 1, 0, nullptr), 0);
   EXPECT_EQ(m_engine->ReceiveSendCompletion("late"), 0);
+  m_engine->SetObserver(nullptr);
+  EXPECT_EQ(notes.m_notes, (std::vector<std::string>{"opened late", "opened lost 2",
+                                                     "abandoned late", "closed late"}));
   ASSERT_EQ(reports.Messages(),
             std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
   EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");

@@ -6,6 +6,8 @@
 // them.  bus, the private broker itself, started on a free port of a list
 // and stopped cleanly; listen, send, serve, push and pull on a test's broker.
 // How they bear faults is KelMsgFaultTest's.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
@@ -53,16 +55,24 @@ struct Failure {
                         // "kelmsg: " (status 2) or "kelmsg <command>: "
 };
 
-// On a bus where "inbox" listens and "files" serves the working directory;
-// the commands run at once, since each waits on its own.
+// On a bus where "inbox" listens and "files" serves the working directory,
+// writing files of 100,000 bytes at most; the commands run at once, since
+// each waits on its own.
 TEST_F(KelmsgOnBus, EveryFailureIsOneLineWithItsStatus) {
   const std::string dir = m_scratch.Path();
   WriteFile(m_scratch / "notes.txt", "just <some text");
   WriteFile(m_scratch / "model.inp", "*NODE\n");
+  WriteFile(m_scratch / "big.inp", std::string(200000, 'b'));
   const ListeningSocket taken(0);
   const std::string port = std::to_string(taken.Port());
   KelmsgProcess inbox({"listen", "inbox"});
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit unlimited = limit;
+  limit.rlim_cur = 100000;
+  setrlimit(RLIMIT_FSIZE, &limit);
   KelmsgProcess files({"serve", "files", "--dir", dir});
+  setrlimit(RLIMIT_FSIZE, &unlimited);
   ASSERT_TRUE(inbox.WaitForOutput("listening as inbox\n")) << inbox.Err();
   ASSERT_TRUE(files.WaitForOutput("serving files as files")) << files.Err();
   // Watches of "inbox", which stays; apart from the table, since every
@@ -91,9 +101,20 @@ TEST_F(KelmsgOnBus, EveryFailureIsOneLineWithItsStatus) {
       {{"send", "inbox", "--xml", "absent.xml"}, 1, "cannot read absent.xml\n"},
       {{"listen", "inbox"}, 1, "inbox is already on the bus\n"},
       {{"push", "files", "absent.inp", "x"}, 1, "cannot read " + dir + "/absent.inp: "},
-      {{"pull", "files", "no.inp", "x"}, 1, "files sent nothing for no.inp (missing or empty"},
-      {{"pull", "files", "x", "no-such-dir/x"}, 1, "cannot write " + dir + "/no-such-dir/x: "},
-      {{"push", "none", "model.inp", "x", "--timeout", "1"}, 1, "no answer from none within 1 s"},
+      {{"pull", "files", "no.inp", "x", "--keep-partial"},
+       1,
+       "files could not read no.inp: No such file or directory; kept x.partial\n"},
+      {{"pull", "files", "model.inp", "no/x"}, 1, "could not create no/x: No such file"},
+      {{"push", "files", "big.inp", "big.out"},
+       1,
+       "files could not write big.out: File too large (100000 of 200000 bytes)\n"},
+      // A listener holds its name but answers nothing.
+      {{"push", "inbox", "model.inp", "x", "--timeout", "1"},
+       1,
+       "no receipt from inbox for x within 1 s\n"},
+      {{"pull", "inbox", "model.inp", "y", "--timeout", "1"},
+       1,
+       "abandoned y: inbox sent nothing within 1 s (0 bytes written); removed y.partial\n"},
   };
   std::vector<std::unique_ptr<KelmsgProcess>> runs;
   for (const Failure& failure : failures)
@@ -110,6 +131,16 @@ TEST_F(KelmsgOnBus, EveryFailureIsOneLineWithItsStatus) {
     EXPECT_EQ(err.rfind(prefix, 0), 0U);
     EXPECT_NE(err.find(failure.message), std::string::npos);
   }
+  for (const char* left : {"x", "big.out", "big.out.partial"})
+    EXPECT_FALSE(fs::exists(m_scratch / left)) << left;
+  EXPECT_TRUE(fs::exists(m_scratch / "x.partial"));
+  // Not waiting for the receipt does not spare the server its check.
+  EXPECT_EQ(KelmsgProcess({"push", "files", "big.inp", "later.out", "--no-wait"}, dir).ExitCode(),
+            0);
+  EXPECT_TRUE(
+      files.WaitForOutput("could not write later.out: File too large (100000 of 200000 bytes); "
+                          "removed later.out.partial\n"))
+      << files.Out();
   EXPECT_EQ(interrupted.ExitCode(), 130) << "as a shell reports Ctrl-C";
   EXPECT_EQ(limited.ExitCode(), 1);
   EXPECT_TRUE(limited.Err().ends_with("kelmsg watch: inbox is still on the bus after 1 s\n"))
@@ -204,7 +235,7 @@ TEST(KelmsgBus, ABrokerCountsAsStartedOnlyWhenItHoldsItsPort) {
 TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
   WriteFile(m_scratch / "progress.xml", "<Progress percent=\"50\"/>");
   WriteFile(m_scratch / "deck.inp", "*NODE\n1, 0.0, 0.0\n");
-  KelmsgProcess listen({"listen", "inbox", "--count", "7"});
+  KelmsgProcess listen({"listen", "inbox", "--count", "8"});
   ASSERT_TRUE(listen.WaitForOutput("listening as inbox\n")) << listen.Err();
   const std::vector<std::string> sends[] = {
       {"send", "inbox", "--as", "sender", "--text", "hello, bus"},
@@ -228,6 +259,7 @@ TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
         "<Kill type=\"symconst\">SOFT_KILL</Kill>", "-- id kelmsg-send-", "HARD_KILL</Kill>",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 2\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 3\n",
+        "id holder\nMessage Type: KelMsgTransferReceiptType\n   Step: 2, bytes: 18, failure: 0\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 5\n"}) {
     at = printed.find(expected, at);
     ASSERT_NE(at, std::string::npos) << "no \"" << expected << "\" in order in:\n" << printed;

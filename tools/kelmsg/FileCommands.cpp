@@ -1,25 +1,23 @@
 // serve, push and pull: the library's file transfer from a shell.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
 
-#include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
+#include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <KelMsgFeaMessaging/KelMsgVerifiedTransfer.h>
 #include <CLI/CLI.hpp>
 
 #include "ChunkTap.h"
 #include "CommandFailure.h"
 #include "Commands.h"
-#include "IdleTimeout.h"
 #include "Session.h"
 #include "StopSignals.h"
 #include "TransferProgress.h"
@@ -30,13 +28,18 @@ namespace {
 
 // The level at which the server traces: a few lines per transfer step.
 constexpr int kServerTraceLevel = 1;
-// An engine made before its session learns the communicator afterwards.
-constexpr int kNoCommunicatorYet = -1;
 
 struct ServeOptions {
   std::string application;
   std::string directory;
+  bool keepPartial = false;
 };
+
+// A file that outgrows the process's size limit makes the write fail with
+// "File too large", which the receipt reports, instead of killing us.
+void ReportFileSizeLimits() {
+  std::signal(SIGXFSZ, SIG_IGN);
+}
 
 // Ends serving on a kill request, soft or hard: a file server has no
 // analysis to save first.
@@ -58,11 +61,12 @@ void Serve(const ServeOptions& options) {
     throw CommandFailure("cannot serve from " + options.directory + ": " + std::strerror(errno));
   }
   StopSignals::Catch();
-  // Made first, the engine outlives the handler that the session deletes.
-  KelMsgFileTransfer engine(kNoCommunicatorYet, stdout, kServerTraceLevel);
+  ReportFileSizeLimits();
   Session session(options.application);
-  engine.SetCommunicatorId(session.Communicator());
-  session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&engine));
+  KelMsgVerifiedTransfer files(session.Communicator(), session.Application(), stdout,
+                               kServerTraceLevel, stdout);
+  files.SetKeepPartial(options.keepPartial);
+  session.WatchDepartures(files.DepartureWatcher());
   int killed = -1;
   session.Handle(new KelMsgProcessControlType, new KillHandler(killed));
   std::printf("serving files as %s from %s\n", session.Application(), fs::current_path().c_str());
@@ -82,6 +86,7 @@ struct TransferOptions {
   std::string serverBaseDir;  // empty: the server's current directory
   std::string serverJobDir;
   bool noWait = false;
+  bool keepPartial = false;
   int timeoutSeconds = 60;
 };
 
@@ -102,76 +107,58 @@ std::int64_t ReadableFileSize(const std::string& path) {
   return static_cast<std::int64_t>(size);
 }
 
-// The engine reports nothing when it cannot create the target: find out first.
-void CheckWritable(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT, 0640);
-  if (descriptor < 0)
-    throw CommandFailure("cannot write " + path + ": " + std::strerror(errno));
-  close(descriptor);
-}
-
-std::string NoAnswer(const char* command, const TransferOptions& options) {
-  return std::string("kelmsg ") + command + ": no answer from " + options.server + " within " +
-         std::to_string(options.timeoutSeconds) + " s (is it serving?)";
-}
-
-// This process on the bus with a file-transfer engine whose chunks feed
-// `progress` and keep `idle` from firing.  The engine is made before the
-// session and so outlives the handler that points at it, which the session's
-// registry deletes.
+// This process on the bus with verified transfers whose engine's chunks feed
+// `progress`.  The session outlives the transfers, whose handlers it deletes.
 class TransferSession {
  public:
-  TransferSession(const std::string& application, TransferProgress& progress,
-                  const IdleTimeout& idle)
-      : m_tap([&progress, &idle](int bytes) {
-          progress.Add(bytes);
-          idle.Restart();
-        }),
-        m_engine(kNoCommunicatorYet, m_tap.Stream(), ChunkTap::kTraceLevel),
-        m_session(application) {
-    m_engine.SetCommunicatorId(m_session.Communicator());
-    m_session.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&m_engine));
+  TransferSession(const TransferOptions& options, TransferProgress& progress)
+      : m_tap([&progress](int bytes) { progress.Add(bytes); }),
+        m_session(options.application),
+        m_files(m_session.Communicator(), m_session.Application(), m_tap.Stream(),
+                ChunkTap::kTraceLevel, nullptr) {
+    m_files.SetPatience(options.timeoutSeconds);
+    m_files.SetKeepPartial(options.keepPartial);
+    m_session.WatchDepartures(m_files.DepartureWatcher());
   }
 
-  KelMsgFileTransfer& Engine() { return m_engine; }
-  const char* Application() const { return m_session.Application(); }
+  KelMsgVerifiedTransfer& Files() { return m_files; }
+
+  // Throws the transfer's one line unless it was verified.
+  void Check(bool verified) const {
+    if (!verified)
+      throw CommandFailure(m_files.Report().GetUTF8());
+  }
 
  private:
   ChunkTap m_tap;
-  KelMsgFileTransfer m_engine;
   Session m_session;
+  KelMsgVerifiedTransfer m_files;
 };
 
 void Push(const TransferOptions& options) {
   const std::int64_t size = ReadableFileSize(LocalPath(options, options.source));
   TransferProgress progress(stdout, options.source + " -> " + options.server + ":" + options.target,
                             size);
-  const IdleTimeout idle(NoAnswer("push", options), options.timeoutSeconds);
-  TransferSession transfer(options.application, progress, idle);
-  const auto push = options.noWait ? &KelMsgFileTransfer::ISendFile : &KelMsgFileTransfer::SendFile;
-  (transfer.Engine().*push)(transfer.Application(), options.baseDir.c_str(), options.jobDir.c_str(),
-                            options.source.c_str(), options.server.c_str(),
-                            options.serverBaseDir.c_str(), options.serverJobDir.c_str(),
-                            options.target.c_str());
+  TransferSession transfer(options, progress);
+  const bool verified =
+      transfer.Files().Push(options.baseDir.c_str(), options.jobDir.c_str(), options.source.c_str(),
+                            options.server.c_str(), options.serverBaseDir.c_str(),
+                            options.serverJobDir.c_str(), options.target.c_str(), !options.noWait);
   progress.Finish();
+  transfer.Check(verified);
 }
 
 void Pull(const TransferOptions& options) {
-  CheckWritable(LocalPath(options, options.target));
+  ReportFileSizeLimits();
   TransferProgress progress(stdout, options.server + ":" + options.source + " -> " + options.target,
                             TransferProgress::kUnknownSize);
-  const IdleTimeout idle(NoAnswer("pull", options), options.timeoutSeconds);
-  TransferSession transfer(options.application, progress, idle);
-  transfer.Engine().ReceiveFile(options.server.c_str(), options.serverBaseDir.c_str(),
-                                options.serverJobDir.c_str(), options.source.c_str(),
-                                transfer.Application(), options.baseDir.c_str(),
-                                options.jobDir.c_str(), options.target.c_str());
+  TransferSession transfer(options, progress);
+  const bool verified = transfer.Files().Pull(options.server.c_str(), options.serverBaseDir.c_str(),
+                                              options.serverJobDir.c_str(), options.source.c_str(),
+                                              options.baseDir.c_str(), options.jobDir.c_str(),
+                                              options.target.c_str());
   progress.Finish();
-  // A pull of a file that the server lacks ends like one of an empty file.
-  if (progress.Bytes() == 0) {
-    throw CommandFailure(options.server + " sent nothing for " + options.source +
-                         " (missing or empty there)");
-  }
+  transfer.Check(verified);
 }
 
 CLI::App* AddTransferCommand(CLI::App& app, const char* name, const char* description,
@@ -202,11 +189,17 @@ CLI::App* AddTransferCommand(CLI::App& app, const char* name, const char* descri
       ->type_name("DIR");
   command
       ->add_option("--timeout", options->timeoutSeconds,
-                   "give up when nothing moves for this many seconds; 0 waits for ever")
+                   "give up when what is awaited (the next chunk, or the receipt) does not "
+                   "come for this many seconds; 0 waits for ever")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str()
       ->type_name("SECONDS");
   return command;
+}
+
+void AddKeepPartialFlag(CLI::App& command, bool& keepPartial) {
+  command.add_flag("--keep-partial", keepPartial,
+                   "keep what a failed transfer wrote, as TARGET.partial");
 }
 
 }  // namespace
@@ -224,16 +217,20 @@ void AddFileCommands(CLI::App& app) {
       ->add_option("--dir", serve->directory,
                    "directory that relative names are read against (default: current)")
       ->type_name("DIR");
+  AddKeepPartialFlag(*serveCommand, serve->keepPartial);
   serveCommand->callback([serve] { Serve(*serve); });
 
   auto push = std::make_shared<TransferOptions>();
   CLI::App* pushCommand =
       AddTransferCommand(app, "push", "send the local file SOURCE to APP as TARGET", push);
   pushCommand->add_flag("--no-wait", push->noWait,
-                        "leave once the file is sent, without waiting for APP to confirm");
+                        "leave once the file is sent, without waiting for the receipt; APP still "
+                        "checks the file and logs what went wrong");
   pushCommand->callback([push] { Push(*push); });
 
   auto pull = std::make_shared<TransferOptions>();
-  AddTransferCommand(app, "pull", "fetch the file SOURCE from APP into the local file TARGET", pull)
-      ->callback([pull] { Pull(*pull); });
+  CLI::App* pullCommand = AddTransferCommand(
+      app, "pull", "fetch the file SOURCE from APP into the local file TARGET", pull);
+  AddKeepPartialFlag(*pullCommand, pull->keepPartial);
+  pullCommand->callback([pull] { Pull(*pull); });
 }

@@ -14,6 +14,7 @@
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlTypeFactory.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 #include <CLI/CLI.hpp>
 
 #include "CommandFailure.h"
@@ -62,6 +63,7 @@ void Listen(const ListenOptions& options) {
   session.Handle(new KelMsgAnalysisMessageType, new CountedPrinter(countdown));
   session.Handle(new KelMsgProcessControlType, new CountedPrinter(countdown));
   session.Handle(new KelMsgFileTransferType, new CountedPrinter(countdown));
+  session.Handle(new KelMsgTransferReceiptType, new CountedPrinter(countdown));
   std::printf("listening as %s\n", session.Application());
   std::fflush(stdout);
   session.Wait(countdown.done, {});

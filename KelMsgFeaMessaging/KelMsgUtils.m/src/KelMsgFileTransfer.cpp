@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 
 #include <KelMsgFeaMessaging/KelBasFileOps.h>
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransferObserver.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/mem_Operators.h>
@@ -25,6 +27,14 @@ static_assert(kSenderFlags == 0 && kReceiverFlags == 0x242 && kFileMode == 0x1a0
 // After a chunk out of sequence, the chunk-number entry of the source holds
 // this, and the rest of its chunks are dropped until its completion.
 constexpr int kAbandoned = -1;
+
+// Observes nothing, so that the engine never tests for an observer.
+KelMsgFileTransferObserver g_noObserver;
+
+// The errno of a call whose result says it failed, else 0.
+int ErrorOf(long long result) {
+  return result < 0 ? errno : 0;
+}
 
 // The eight names of a transfer, in the order they travel.
 struct TransferNames {
@@ -87,7 +97,8 @@ KelMsgFileTransfer::KelMsgFileTransfer(int communicatorId, FILE* traceStream, in
       m_contentMsg(nullptr),
       m_endingCondition(-1),
       m_traceStream(traceStream == nullptr && traceLevel >= 1 ? stderr : traceStream),
-      m_traceLevel(traceLevel) {
+      m_traceLevel(traceLevel),
+      m_observer(&g_noObserver) {
   m_contentMsg = new KelMsgFileTransferType;
   KELMSG_ASSERT(m_contentMsg != NULL);
   m_contentMsg->Data().m_chunkData =
@@ -106,6 +117,11 @@ KelMsgFileTransfer::~KelMsgFileTransfer() {
 
 int KelMsgFileTransfer::SetCommunicatorId(int communicatorId) {
   m_communicatorId = communicatorId;
+  return 0;
+}
+
+int KelMsgFileTransfer::SetObserver(KelMsgFileTransferObserver* observer) {
+  m_observer = observer != nullptr ? observer : &g_noObserver;
   return 0;
 }
 
@@ -131,12 +147,14 @@ void KelMsgFileTransfer::TraceUnflushed(int level, const char* format, ...) cons
 int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName, bool isSender) {
   const int descriptor =
       KelBasFileOps::Open(fileName, isSender ? kSenderFlags : kReceiverFlags, kFileMode);
+  const int error = ErrorOf(descriptor);
   Trace(4, "::OpenFile applicationId %s fileName %s isSender %d fileId %d\n", applicationId,
         fileName, isSender ? 1 : 0, descriptor);
   if (descriptor < 0)
     Trace(4, "KelMsgFileTransfer::OpenFile Opening file %s Failed\n", fileName);
   if (isSender) {
     m_fileId = descriptor;
+    m_observer->SendFileOpened(fileName, descriptor, error);
     return 0;
   }
   const auto itr = m_receiveFileMap.find(KelString(applicationId));
@@ -152,6 +170,7 @@ int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName
   }
   m_receiveFileMap.emplace(applicationId, descriptor);
   m_receiveFileChunkIdMap.emplace(applicationId, 0);
+  m_observer->ReceiveFileOpened(applicationId, fileName, descriptor, error);
   return 0;
 }
 
@@ -166,8 +185,10 @@ int KelMsgFileTransfer::ReadChunk() {
   KelMsgFileTransferData& record = m_contentMsg->Data();
   const ssize_t bytes =
       read(m_fileId, record.m_chunkData, static_cast<std::size_t>(m_maxChunkSize));
+  const int error = ErrorOf(bytes);
   record.m_chunkSize = static_cast<int>(bytes);
   Trace(4, "::ReadChunk fileId %d bytes %d\n", m_fileId, record.m_chunkSize);
+  m_observer->ChunkRead(record.m_chunkData, record.m_chunkSize, error);
   return 0;
 }
 
@@ -312,16 +333,26 @@ int KelMsgFileTransfer::ReceiveFile(const char* sourceApplication, const char* s
                  sourceApplication, targetApplication);
     WriteNamesAndFlush(m_traceStream, names, kReceiveFileFormats);
   }
+  RequestFile(sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName, targetApplication,
+              targetBaseDir, targetJobDir, targetFileName);
+  m_endingCondition = -1;
+  KelMsgBBAPI::WaitingLoop(m_communicatorId, -1, m_endingCondition);
+  return 0;
+}
+
+int KelMsgFileTransfer::RequestFile(const char* sourceApplication, const char* sourceBaseDir,
+                                    const char* sourceJobDir, const char* sourceFileName,
+                                    const char* targetApplication, const char* targetBaseDir,
+                                    const char* targetJobDir, const char* targetFileName) {
   const KelString path = KelMsgPathExplorer::FormPath(targetBaseDir, targetJobDir, targetFileName);
   OpenFile(sourceApplication, path.GetUTF8(), false);
   Trace(4, "opened file %s\n", targetFileName);
 
   KelMsgFileTransferType request;
   FillControl(request.Data(), KelMsgFileTransferData::FILE_TRANSFER_SEND_REQUEST);
-  FillNames(request.Data(), names);
+  FillNames(request.Data(), {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+                             targetApplication, targetBaseDir, targetJobDir, targetFileName});
   KelMsgBBAPI::SendRequest(m_communicatorId, sourceApplication, request);
-  m_endingCondition = -1;
-  KelMsgBBAPI::WaitingLoop(m_communicatorId, -1, m_endingCondition);
   return 0;
 }
 
@@ -346,6 +377,7 @@ int KelMsgFileTransfer::ReceiveChunk(const char* sourceApplication, int chunkId,
     TraceUnflushed(1, "obtained incorrect file chunk from %s, expected %d got %d\n",
                    sourceApplication, last, static_cast<int>(previous));
     last = kAbandoned;
+    m_observer->TransferAbandoned(sourceApplication);
     return 0;
   }
   last = chunkId;
@@ -361,7 +393,10 @@ int KelMsgFileTransfer::WriteChunk(const char* sourceApplication, int chunkSize,
   if (!KELMSG_PEER_CHECK(chunkSize >= 0))
     return 0;
   const ssize_t bytesWritten = write(itr->second, data, static_cast<std::size_t>(chunkSize));
+  const int error = ErrorOf(bytesWritten);
   Trace(4, "::WriteChunk bytesWritten=%d\n", static_cast<int>(bytesWritten));
+  m_observer->ChunkWritten(sourceApplication, data, chunkSize, static_cast<int>(bytesWritten),
+                           error);
   return 0;
 }
 
@@ -384,6 +419,7 @@ int KelMsgFileTransfer::ReceiveISendCompletion(const char* sourceApplication) {
   m_receiveFileChunkIdMap.erase(source);
   m_endingCondition = 0;
   m_contentMsg->Data().m_chunkId = 0;
+  m_observer->ReceiveFileClosed(sourceApplication);
   return 0;
 }
 

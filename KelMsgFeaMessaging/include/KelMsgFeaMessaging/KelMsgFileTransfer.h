@@ -37,6 +37,10 @@
 // process goes on.  After a chunk out of sequence, every further chunk of
 // that source is dropped until its completion, which still closes the file.
 //
+// An observer (KelMsgFileTransferObserver) may follow the files the engine
+// opens, reads, writes and closes; it changes nothing of what the engine
+// sends or traces.
+//
 // Every operation returns 0.
 #ifndef KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
 #define KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
@@ -45,6 +49,7 @@
 
 #include <KelMsgFeaMessaging/KelBasTreeGeneric.h>
 
+class KelMsgFileTransferObserver;
 class KelMsgFileTransferType;
 
 class KelMsgFileTransfer {
@@ -58,6 +63,8 @@ class KelMsgFileTransfer {
   KelMsgFileTransfer& operator=(const KelMsgFileTransfer&) = delete;
 
   int SetCommunicatorId(int communicatorId);
+  // Lends `observer` (null: none) to the engine until the next call.
+  int SetObserver(KelMsgFileTransferObserver* observer);
 
   // For applications.
   int SendFile(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
@@ -96,6 +103,12 @@ class KelMsgFileTransfer {
               const char* targetJobDir, const char* targetFileName);
   // `data` holds `chunkSize` bytes and lives only during the call.
   int ReceiveChunk(const char* sourceApplication, int chunkId, int chunkSize, const void* data);
+  // ReceiveFile's steps before its wait: opens the target and asks the holder
+  // to send.  The transfer ends, like a pull, with the holder's completion.
+  int RequestFile(const char* sourceApplication, const char* sourceBaseDir,
+                  const char* sourceJobDir, const char* sourceFileName,
+                  const char* targetApplication, const char* targetBaseDir,
+                  const char* targetJobDir, const char* targetFileName);
   int WriteChunk(const char* sourceApplication, int chunkSize, const void* data);
   int ReceiveSendCompletion(const char* sourceApplication);
   int ReceiveISendCompletion(const char* sourceApplication);
@@ -118,6 +131,7 @@ class KelMsgFileTransfer {
   int m_endingCondition;
   FILE* m_traceStream;
   int m_traceLevel;
+  KelMsgFileTransferObserver* m_observer;  // never null: a do-nothing one by default
 };
 
 #endif  // KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
