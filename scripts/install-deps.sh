@@ -8,7 +8,7 @@ packages=(
   g++ cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
   libmosquitto-dev mosquitto mosquitto-clients
-  libpugixml-dev libcli11-dev
+  libpugixml-dev libcli11-dev libssl-dev
   clang libclang-rt-14-dev
 )
 

@@ -1,5 +1,6 @@
 // What the bus promises its callers (KelBus.h), checked on every transport:
-// the in-process bus and MQTT through a broker that the test starts.  The
+// the in-process bus, and MQTT through a broker that the test starts, in the
+// clear and with TLS and passwords.  The
 // library's facade KelMsgBBAPI, a pass-through, is checked here as well.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -35,7 +36,8 @@ class KelBusContract : public ::testing::TestWithParam<std::string> {
       setenv("KELBUS_URL", "local:", 1);
       return;
     }
-    m_broker.emplace();
+    m_broker.emplace(GetParam() == "mqtts" ? TestBroker::Security::kTlsAndPasswords
+                                           : TestBroker::Security::kNone);
     ASSERT_TRUE(m_broker->Running()) << m_broker->Error();
     m_broker->ExportUrl("contract");
   }
@@ -43,7 +45,7 @@ class KelBusContract : public ::testing::TestWithParam<std::string> {
   std::optional<TestBroker> m_broker;
 };
 
-INSTANTIATE_TEST_SUITE_P(Transports, KelBusContract, ::testing::Values("local", "mqtt"),
+INSTANTIATE_TEST_SUITE_P(Transports, KelBusContract, ::testing::Values("local", "mqtt", "mqtts"),
                          [](const auto& info) { return info.param; });
 
 TEST_P(KelBusContract, MessagesArriveInOrderWithTheirTypesAndBytes) {
