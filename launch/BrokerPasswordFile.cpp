@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -75,14 +76,21 @@ std::vector<std::string> BrokerPasswordFile::Users() const {
 }
 
 void BrokerPasswordFile::Save() const {
-  const int descriptor = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  std::string text;
+  for (const auto& [user, hash] : m_hashes)
+    text += user + ':' + hash + '\n';
+  WriteSecret(m_path, text);
+}
+
+void BrokerPasswordFile::WriteSecret(const std::string& path, const std::string& text) {
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const bool written =
+      descriptor >= 0 && ::fchmod(descriptor, 0600) == 0 &&
+      ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   if (descriptor >= 0)
     ::close(descriptor);
-  std::ofstream file(m_path, std::ios::trunc);
-  for (const auto& [user, hash] : m_hashes)
-    file << user << ':' << hash << '\n';
-  if (descriptor < 0 || !file.flush())
-    throw std::runtime_error("cannot write " + m_path);
+  if (!written)
+    throw std::runtime_error("cannot write " + path);
 }
 
 std::string BrokerPasswordFile::NewPassword() {

@@ -27,6 +27,8 @@ class BrokerPasswordFile {
 
   // A password of 24 random letters and digits (about 143 bits).
   static std::string NewPassword();
+  // Writes `text` to `path`, readable by its owner only from the start.
+  static void WriteSecret(const std::string& path, const std::string& text);
 
  private:
   std::string m_path;

@@ -2,12 +2,14 @@
 // list and stopped cleanly.
 #include <csignal>
 #include <regex>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "KelmsgProcess.h"
 #include "ListeningSocket.h"
+#include "ScratchDirectory.h"
 #include "TestBroker.h"
 
 namespace {
@@ -50,6 +52,33 @@ TEST(KelmsgBus, SaysSoWhenTheBrokerDiesUnderIt) {
   EXPECT_EQ(bus.ExitCode(15s), 1);
   EXPECT_NE(bus.Err().find("kelmsg bus: mosquitto ended on its own"), std::string::npos)
       << bus.Err();
+}
+
+// Only loopback goes without TLS and passwords; `user add` makes a user
+// whose password, with the CA, lets clients in over TLS, and nobody else.
+TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
+  const KelmsgResult open = RunKelmsg({"bus", "--address", "0.0.0.0"});
+  EXPECT_EQ(open.status, 1);
+  EXPECT_NE(open.err.find("start with --tls --auth"), std::string::npos) << open.err;
+  const ScratchDirectory state;
+  const KelmsgResult added = RunKelmsg({"bus", "user", "add", "solver", "--state-dir", state / ""});
+  ASSERT_EQ(added.status, 0) << added.err;
+  EXPECT_EQ(added.out.size(), 25u) << "one line with the password";
+
+  KelmsgProcess bus(
+      {"bus", "--tls", "--auth", "--state-dir", state / "", "--ports", "20000-29999"});
+  ASSERT_TRUE(bus.WaitForOutput("KELBUS_PASSWORD_FILE=")) << bus.Err();
+  ASSERT_TRUE(bus.WaitForOutput(".password\n")) << bus.Err();
+  std::istringstream lines(bus.Out());
+  for (std::string line; std::getline(lines, line);)
+    setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
+  EXPECT_EQ(RunKelmsg({"send", "nobody", "--text", "in"}).status, 0);
+  unsetenv("KELBUS_PASSWORD_FILE");
+  const KelmsgResult anonymous = RunKelmsg({"send", "nobody", "--text", "in"});
+  unsetenv("KELBUS_CA_FILE");
+  EXPECT_EQ(anonymous.status, 1);
+  EXPECT_NE(anonymous.err.find("Not authorized"), std::string::npos) << anonymous.err;
+  EXPECT_EQ(anonymous.err.find(added.out.substr(0, 24)), std::string::npos) << anonymous.err;
 }
 
 // Two buses started at once may both find a port free; the one whose
