@@ -44,6 +44,10 @@ TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
        {"KelMsgPrintingHandler::HandleMessage -- id sender\nMessage Type: KelMsgStringType\n"
         "   size: 10\n   data[0]: h\n   data[9]: s\n"}},
       {{"send", "inbox", "--text", "x"}, 1, {"   size: 1\n   data[0]: x\n   data[0]: x\n"}},
+      // What peers send reaches the terminal only as visible escapes.
+      {{"send", "inbox", "--as", "a\x1b]0;t\x07\n\xc2\x9b", "--text", "\x1b[2J\xff"},
+       1,
+       {"-- id a\\x1b]0;t\\x07\\x0a\\xc2\\x9b\n", "data[0]: \\x1b\n", "data[4]: \\xff\n"}},
       {{"send", "inbox", "--as", "sender", "--xml", "progress.xml"},
        1,
        {"-- id sender\n", "<Progress percent=\"50\"/>\n"}},
