@@ -36,5 +36,5 @@ configure_file(cmake/KelMsgFeaMessaging.pc.in
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KelMsgFeaMessaging.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(FILES config/kelbus-mosquitto.conf
+install(FILES config/kelbus-mosquitto.conf config/kelbus-site-mosquitto.conf config/kelbus-site.acl
         DESTINATION ${CMAKE_INSTALL_DATADIR}/KelMsgFeaMessaging)

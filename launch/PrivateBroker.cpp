@@ -162,16 +162,26 @@ bool PrivateBroker::Start() {
   return false;
 }
 
-// The project's configuration with its listener moved to our address and port.
+// The project's configuration with its listener moved to our address and
+// port, and secured as the settings ask.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
   if (!project || !derived)
     return false;
+  // mosquitto started by root would become user "mosquitto", who may read
+  // neither the key nor the password file.
+  if (geteuid() == 0)
+    derived << "user root\n";
   std::string line;
   while (std::getline(project, line)) {
     if (line.starts_with("listener ")) {
       line = "listener " + std::to_string(m_port) + " " + m_settings.address;
+      if (!m_settings.certificateFile.empty()) {
+        line += "\ncertfile " + m_settings.certificateFile + "\nkeyfile " + m_settings.keyFile;
+      }
+    } else if (line.starts_with("allow_anonymous ") && !m_settings.passwordFile.empty()) {
+      line = "allow_anonymous false\npassword_file " + m_settings.passwordFile;
     }
     derived << line << '\n';
   }

@@ -1,6 +1,7 @@
 // PrivateBroker: a mosquitto of one's own, configured like the project's
 // broker (config/kelbus-mosquitto.conf) except that it listens on the address
-// and port it is given.  `kelmsg bus`, the tests and the benchmarks start
+// and port it is given, with TLS and passwords if asked to, and runs as the
+// user who starts it.  `kelmsg bus`, the tests and the benchmarks start
 // their brokers with it.
 //
 // The broker lives in a fresh directory under the system's temporary
@@ -30,6 +31,10 @@ class PrivateBroker {
     std::string configuration;          // the project's configuration file
     std::string address = "127.0.0.1";  // IPv4 address to listen on
     std::string program = MosquittoProgram();
+    // When set, the listener speaks TLS with this certificate and key.
+    std::string certificateFile{}, keyFile{};
+    // When set, only the users of this mosquitto password_file may connect.
+    std::string passwordFile{};
   };
 
   // Starts the broker on `port` and waits until it listens on it, at

@@ -8,7 +8,11 @@ namespace kelbus {
 namespace {
 
 constexpr std::string_view kMqttScheme = "mqtt://";
+constexpr std::string_view kMqttsScheme = "mqtts://";
 constexpr std::string_view kLocalUrl = "local:";
+constexpr std::string_view kHostNameCharacters =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
+constexpr std::string_view kIpv6Characters = "0123456789ABCDEFabcdef:.";
 
 // Undoes %XX escapes; fails on a broken one.
 std::optional<std::string> PercentDecode(std::string_view text) {
@@ -82,8 +86,15 @@ bool ParseHostAndPort(std::string_view text, BusAddress* address, std::string* w
     *why = "no host";
     return false;
   }
+  const bool bracketed = text.starts_with('[');
+  if (host.find_first_not_of(bracketed ? kIpv6Characters : kHostNameCharacters) !=
+      std::string_view::npos) {
+    *why = bracketed ? "the host in brackets is not an IPv6 address"
+                     : "the host may hold only letters, digits, '-', '.' and '_'";
+    return false;
+  }
   address->host = std::string(host);
-  address->port = kDefaultMqttPort;
+  address->port = address->kind == BusAddress::Kind::kMqtts ? kDefaultMqttsPort : kDefaultMqttPort;
   if (port && !ParsePort(*port, &address->port)) {
     *why = "the port is not a number from 1 to 65535";
     return false;
@@ -98,9 +109,9 @@ bool ParseNamespace(std::string_view text, BusAddress* address, std::string* why
     address->nameSpace = kDefaultNamespace;
     return true;
   }
-  if (text.find_first_of("+#%") != std::string_view::npos ||
+  if (text.find_first_of("+%") != std::string_view::npos ||
       text.find('\0') != std::string_view::npos) {
-    *why = "the namespace may not contain '+', '#' or '%'";
+    *why = "the namespace may not contain '+' or '%'";
     return false;
   }
   address->nameSpace = std::string(text);
@@ -112,7 +123,7 @@ bool ParseNamespace(std::string_view text, BusAddress* address, std::string* why
 std::string BusAddress::Describe() const {
   if (kind == Kind::kLocal)
     return std::string(kLocalUrl);
-  std::string url(kMqttScheme);
+  std::string url(kind == Kind::kMqtts ? kMqttsScheme : kMqttScheme);
   if (!user.empty())
     url += user + "@";
   const bool bracketed = host.find(':') != std::string::npos;
@@ -129,11 +140,26 @@ std::optional<BusAddress> ParseBusUrl(const std::string& url, std::string* why) 
     return address;
   }
   std::string_view rest(url);
-  if (!rest.starts_with(kMqttScheme)) {
-    *why = "it starts neither with mqtt:// nor is it local:";
+  if (rest.starts_with(kMqttsScheme)) {
+    address.kind = BusAddress::Kind::kMqtts;
+    rest.remove_prefix(kMqttsScheme.size());
+  } else if (rest.starts_with(kMqttScheme)) {
+    rest.remove_prefix(kMqttScheme.size());
+  } else {
+    *why = "it starts neither with mqtt:// nor with mqtts:// nor is it local:";
     return std::nullopt;
   }
-  rest.remove_prefix(kMqttScheme.size());
+  // Options in the URL would be silently taken for part of the namespace.
+  if (rest.find('?') != std::string_view::npos) {
+    *why =
+        "a query ('?') is not understood; TLS files and passwords come from "
+        "KELBUS_CA_FILE, KELBUS_CERT_FILE, KELBUS_KEY_FILE and KELBUS_PASSWORD_FILE";
+    return std::nullopt;
+  }
+  if (rest.find('#') != std::string_view::npos) {
+    *why = "a fragment ('#') is not understood";
+    return std::nullopt;
+  }
   const std::size_t slash = rest.find('/');
   const std::string_view authority = rest.substr(0, slash);
   const std::string_view path =
@@ -151,13 +177,11 @@ std::optional<BusAddress> ParseBusUrl(const std::string& url, std::string* why) 
 }
 
 std::string WithoutCredentials(const std::string& url) {
+  const std::size_t at = url.rfind('@');
+  if (at == std::string::npos)
+    return url;
   const std::size_t scheme = url.find("://");
-  if (scheme == std::string::npos)
-    return url;
-  const std::size_t start = scheme + 3;
-  const std::size_t at = url.substr(0, url.find('/', start)).rfind('@');
-  if (at == std::string::npos || at < start)
-    return url;
+  const std::size_t start = scheme == std::string::npos || scheme > at ? 0 : scheme + 3;
   return url.substr(0, start) + "..." + url.substr(at);
 }
 

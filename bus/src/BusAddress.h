@@ -7,8 +7,14 @@
 
 namespace kelbus {
 
+// The files of a TLS connection; empty names are unset.
+struct TlsFiles {
+  std::string caFile;             // unset: the system's certificate store
+  std::string certFile, keyFile;  // the client's certificate, both or neither
+};
+
 struct BusAddress {
-  enum class Kind { kMqtt, kLocal };
+  enum class Kind { kMqtt, kMqtts, kLocal };
 
   Kind kind = Kind::kMqtt;
   std::string host;
@@ -16,6 +22,7 @@ struct BusAddress {
   std::string user;  // empty: connect anonymously
   std::string password;
   std::string nameSpace;
+  TlsFiles tls;  // kMqtts only
 
   // The URL as it may be shown to people: the password is left out.
   std::string Describe() const;
@@ -23,14 +30,18 @@ struct BusAddress {
 
 inline constexpr char kDefaultBusUrl[] = "mqtt://127.0.0.1:1883";
 inline constexpr int kDefaultMqttPort = 1883;
+inline constexpr int kDefaultMqttsPort = 8883;
 inline constexpr char kDefaultNamespace[] = "kelbus";
 
-// Parses mqtt://[user[:password]@]host[:port][/namespace] or local:.  On
-// failure returns nothing and stores the reason in `*why`.
+// Parses mqtt[s]://[user[:password]@]host[:port][/namespace] or local:.
+// Anything else (another scheme, a query, a fragment) is refused.  On
+// failure returns nothing and stores the reason, which never holds the
+// password, in `*why`.
 std::optional<BusAddress> ParseBusUrl(const std::string& url, std::string* why);
 
-// `url` with any user and password between "://" and "@" left out, for
-// messages about a URL that could not be parsed.
+// `url` with everything before its last '@' but the scheme left out, for
+// messages about a URL that could not be parsed: whatever it holds, no
+// password shows.
 std::string WithoutCredentials(const std::string& url);
 
 // KELBUS_URL, or the default when it is unset or empty.

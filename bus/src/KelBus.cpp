@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "BusAddress.h"
+#include "BusCredentials.h"
 #include "BusState.h"
 #include "Communicator.h"
 #include "Diagnostics.h"
@@ -103,12 +104,16 @@ int RegisterCommunicator(const char* name, int* communicatorId) {
     return Fail(KELBUS_ERR_INVALID, "null communicatorId");
   const std::string url = kelbus::BusUrlFromEnvironment();
   std::string why;
-  const auto address = kelbus::ParseBusUrl(url, &why);
+  auto address = kelbus::ParseBusUrl(url, &why);
   if (!address) {
     kelbus::Diagnose("KelBus: KELBUS_URL '" + kelbus::WithoutCredentials(url) + "' is malformed (" +
                      why +
-                     "); expected mqtt://[user[:password]@]host[:port][/namespace] or local:");
+                     "); expected mqtt[s]://[user[:password]@]host[:port][/namespace] or local:");
     return Fail(KELBUS_ERR_URL, "KELBUS_URL is malformed: " + why);
+  }
+  if (!kelbus::AddCredentialsFromEnvironment(&*address, &why)) {
+    kelbus::Diagnose("KelBus: cannot join the bus at " + address->Describe() + ": " + why);
+    return Fail(KELBUS_ERR_URL, why);
   }
   BusState& bus = BusState::Current();
   const int id = bus.NewId();

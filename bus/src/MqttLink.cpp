@@ -12,6 +12,7 @@
 
 #include "Diagnostics.h"
 #include "LastError.h"
+#include "TlsSetup.h"
 
 namespace kelbus {
 namespace {
@@ -33,6 +34,8 @@ void InitialiseLibraryOnce() {
 }
 
 std::string Describe(int result, int savedErrno) {
+  if (result == MOSQ_ERR_TLS)
+    return TakeTlsFailure();
   return result == MOSQ_ERR_ERRNO ? std::strerror(savedErrno) : mosquitto_strerror(result);
 }
 
@@ -51,6 +54,8 @@ KelBusResult FailFromMosquitto(int mosquittoResult, KelBusResult otherwise,
       return Fail(KELBUS_ERR_TOO_LARGE, doing + ": larger than the broker accepts");
     case MOSQ_ERR_MALFORMED_UTF8:
       return Fail(KELBUS_ERR_INVALID, doing + ": text that is not UTF-8");
+    case MOSQ_ERR_TLS:
+      return Fail(KELBUS_ERR_REFUSED, doing + ": " + why);
     default:
       return Fail(otherwise, doing + ": " + why);
   }
@@ -112,6 +117,10 @@ KelBusResult MqttLink::Configure() {
   mosquitto_publish_v5_callback_set(m_mosq, &MqttLink::HandlePublish);
   mosquitto_subscribe_v5_callback_set(m_mosq, &MqttLink::HandleSubscribe);
   mosquitto_message_v5_callback_set(m_mosq, &MqttLink::HandleMessage);
+  if (m_address.kind == BusAddress::Kind::kMqtts) {
+    if (const KelBusResult result = SetUpTls(m_mosq, m_address.tls); result != KELBUS_OK)
+      return result;
+  }
   if (!m_address.user.empty()) {
     const char* password = m_address.password.empty() ? nullptr : m_address.password.c_str();
     mosquitto_username_pw_set(m_mosq, m_address.user.c_str(), password);
@@ -273,7 +282,10 @@ int MqttLink::Step(int timeoutMs) {
   const bool woken = (watched[1].revents & POLLIN) != 0;
   if (woken)
     m_wakeup.Clear();
-  if ((watched[0].revents & (POLLIN | POLLERR | POLLHUP)) != 0) {
+  // libmosquitto goes on with a TLS handshake only in mosquitto_loop_read,
+  // also when the handshake waits for the socket to become writable.
+  const short handshake = m_address.kind == BusAddress::Kind::kMqtts ? POLLOUT : 0;
+  if ((watched[0].revents & (POLLIN | POLLERR | POLLHUP | handshake)) != 0) {
     if (const int result = mosquitto_loop_read(m_mosq, 1); result != MOSQ_ERR_SUCCESS)
       return result;
   }
@@ -298,8 +310,11 @@ bool MqttLink::ConnectionBroke(int loopResult) {
     m_awaitedSubscriptions.clear();
     wasUp = m_state == State::kUp;
     restore = m_everUp;
-    if (!restore && m_failure.empty())
+    if (!restore && m_failure.empty()) {
       m_failure = why;
+      // The handshake failed: the bus refused the broker, not the reverse.
+      m_refused = loopResult == MOSQ_ERR_TLS;
+    }
     SetStateLocked(restore ? State::kDown : State::kFailed);
   }
   if (wasUp) {

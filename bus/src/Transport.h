@@ -1,6 +1,6 @@
 // The one interface between the bus's functions and a way of moving
-// messages, and the factories of the two that exist: MQTT through a broker,
-// and an in-process loopback.  The functions of KelBus.h never know which
+// messages, and the factories of those that exist: MQTT through a broker,
+// in the clear or over TLS, and an in-process loopback.  The functions of KelBus.h never know which
 // one runs, and nothing outside a transport's own file names it.
 //
 // Unless said otherwise, operations are called on the caller's thread.
@@ -44,6 +44,11 @@ class Transport {
   // again.
   virtual void AbandonAfterFork() = 0;
 };
+
+// The bus through the MQTT broker at `address` over TLS (mqtts://), as
+// OpenMqttTransport.
+std::unique_ptr<Transport> OpenMqttsTransport(const BusAddress& address, const std::string& label,
+                                              const Inbox& inbox, KelBusResult* result);
 
 // The in-process bus (local:): reaches the communicators of this process
 // that opened it too.

@@ -1,8 +1,8 @@
 // What the bus promises its callers (KelBus.h), checked on every transport:
-// the in-process bus and MQTT through a broker that the test starts.  Then
-// what only a broker and real processes show: departures of processes that
-// exit or die, many open descriptors, a lost connection and the limits on
-// sending.
+// the in-process bus and MQTT through a broker that the test starts, in the
+// clear and with TLS and passwords.  Then what only a broker and real
+// processes show: departures of processes that exit or die, many open
+// descriptors, a lost connection and the limits on sending.
 //
 // The bus takes plain function pointers, so what its callbacks collect lives
 // in process-wide storage.
@@ -120,7 +120,8 @@ class KelBusContract : public ::testing::TestWithParam<std::string> {
       setenv("KELBUS_URL", "local:", 1);
       return;
     }
-    m_broker.emplace();
+    m_broker.emplace(GetParam() == "mqtts" ? TestBroker::Security::kTlsAndPasswords
+                                           : TestBroker::Security::kNone);
     ASSERT_TRUE(m_broker->Running()) << m_broker->Error();
     m_broker->ExportUrl("contract");
   }
@@ -128,7 +129,7 @@ class KelBusContract : public ::testing::TestWithParam<std::string> {
   std::optional<TestBroker> m_broker;
 };
 
-INSTANTIATE_TEST_SUITE_P(Transports, KelBusContract, ::testing::Values("local", "mqtt"),
+INSTANTIATE_TEST_SUITE_P(Transports, KelBusContract, ::testing::Values("local", "mqtt", "mqtts"),
                          [](const auto& info) { return info.param; });
 
 TEST_P(KelBusContract, MessagesArriveInOrderWithTheirTypesAndBytes) {
@@ -246,7 +247,7 @@ TEST(KelBusUrl, AMalformedUrlIsRefusedWithOneLine) {
   EXPECT_EQ(
       g_line,
       "KelBus: KELBUS_URL 'mqtt://...@host:notaport' is malformed (the port is not a number "
-      "from 1 to 65535); expected mqtt://[user[:password]@]host[:port][/namespace] or local:");
+      "from 1 to 65535); expected mqtt[s]://[user[:password]@]host[:port][/namespace] or local:");
 }
 
 TEST_P(KelBusContract, AHeldNameIsRefusedOrTakenOverAndItsLoserIsWokenAndReported) {

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "TestTlsFiles.h"
+
 namespace {
 
 // Another process may take the free port before the broker does.
@@ -29,22 +31,37 @@ int FreePort() {
 
 }  // namespace
 
-TestBroker::TestBroker() {
+TestBroker::TestBroker(Security security) : m_security(security) {
   for (int attempt = 0; attempt < kAttempts && !Running(); ++attempt)
     m_broker = Start(FreePort());
 }
 
 TestBroker::TestBroker(int port) : m_broker(Start(port)) {}
 
-std::unique_ptr<PrivateBroker> TestBroker::Start(int port) {
-  return std::make_unique<PrivateBroker>(
-      PrivateBroker::Settings{.configuration = KELMSG_BROKER_CONFIGURATION}, port);
+std::unique_ptr<PrivateBroker> TestBroker::Start(int port) const {
+  PrivateBroker::Settings settings{.configuration = KELMSG_BROKER_CONFIGURATION};
+  if (m_security == Security::kTlsAndPasswords) {
+    const TestTlsFiles& files = TestTlsFiles::Get();
+    settings.certificateFile = files.certificateFile;
+    settings.keyFile = files.keyFile;
+    settings.passwordFile = files.passwordFile;
+  }
+  return std::make_unique<PrivateBroker>(settings, port);
 }
 
 std::string TestBroker::Url(const std::string& nameSpace) const {
-  return "mqtt://127.0.0.1:" + std::to_string(Port()) + "/" + nameSpace;
+  const std::string scheme =
+      m_security == Security::kNone ? "mqtt://" : "mqtts://" + TestTlsFiles::Get().user + "@";
+  return scheme + "127.0.0.1:" + std::to_string(Port()) + "/" + nameSpace;
 }
 
 void TestBroker::ExportUrl(const std::string& nameSpace) const {
   setenv("KELBUS_URL", Url(nameSpace).c_str(), 1);
+  if (m_security == Security::kNone) {
+    unsetenv("KELBUS_CA_FILE");
+    unsetenv("KELBUS_PASSWORD_FILE");
+    return;
+  }
+  setenv("KELBUS_CA_FILE", TestTlsFiles::Get().caFile.c_str(), 1);
+  setenv("KELBUS_PASSWORD_FILE", TestTlsFiles::Get().userPasswordFile.c_str(), 1);
 }

@@ -1,7 +1,8 @@
 // A private broker for one test or benchmark (see PrivateBroker), configured
 // like the project's config/kelbus-mosquitto.conf but listening on a free
-// loopback port.  The constructor starts it and waits until it accepts
-// connections; the destructor kills it and removes its files.
+// loopback port, in the clear or with TLS and passwords (TestTlsFiles).  The
+// constructor starts it and waits until it accepts connections; the
+// destructor kills it and removes its files.
 //
 //   TestBroker broker;
 //   ASSERT_TRUE(broker.Running()) << broker.Error();
@@ -16,17 +17,21 @@
 
 class TestBroker {
  public:
-  TestBroker();
-  // On `port`, one attempt.
+  enum class Security { kNone, kTlsAndPasswords };
+
+  explicit TestBroker(Security security = Security::kNone);
+  // On `port`, one attempt, in the clear.
   explicit TestBroker(int port);
 
   bool Running() const { return m_broker && m_broker->Running(); }
   // Why the broker is not running.
   const std::string& Error() const { return m_broker->Error(); }
   int Port() const { return m_broker->Port(); }
-  // mqtt://127.0.0.1:<port>/<nameSpace>
+  // mqtt://127.0.0.1:<port>/<nameSpace>, or with TLS and passwords
+  // mqtts://<user>@127.0.0.1:<port>/<nameSpace>
   std::string Url(const std::string& nameSpace = "kelbus") const;
-  // Sets KELBUS_URL to Url(nameSpace).
+  // Sets KELBUS_URL to Url(nameSpace), and KELBUS_CA_FILE and
+  // KELBUS_PASSWORD_FILE to the user's files or unsets them.
   void ExportUrl(const std::string& nameSpace = "kelbus") const;
   // What the broker wrote (errors and warnings).
   std::string Log() const { return m_broker->Log(); }
@@ -39,8 +44,9 @@ class TestBroker {
   bool Restart() { return m_broker->Restart(); }
 
  private:
-  static std::unique_ptr<PrivateBroker> Start(int port);
+  std::unique_ptr<PrivateBroker> Start(int port) const;
 
+  Security m_security = Security::kNone;
   std::unique_ptr<PrivateBroker> m_broker;
 };
 

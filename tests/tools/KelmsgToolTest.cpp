@@ -4,7 +4,8 @@
 // standard error, with status 2 for a command line it cannot understand and
 // 1 for anything else.  stamp, shared and unstamp as a shell script uses
 // them.  bus, the private broker itself, started on a free port of a list
-// and stopped cleanly; listen, send, serve, push and pull on a test's broker.
+// and stopped cleanly, and served to the network only with TLS and
+// passwords; listen, send, serve, push and pull on a test's broker.
 // How they bear faults is KelMsgFaultTest's.
 #include <sys/resource.h>
 
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -91,6 +93,7 @@ TEST_F(KelmsgOnBus, EveryFailureIsOneLineWithItsStatus) {
       {{"watch", "inbox", "--timeout", "soon"}, 2, "--timeout: Value soon not in range"},
       {{"push", "files", "only-a-source"}, 2, "TARGET is required"},
       {{"bus", "--address", "nowhere"}, 2, "--address: Invalid IPV4"},
+      {{"bus", "--address", "0.0.0.0"}, 1, "without TLS and passwords: add a user with"},
       {{"find-port", "1", "2"}, 2, "The following argument was not expected: 2"},
       {{"bus", "--ports", port}, 1, "no free port in " + port + "\n"},
       {{"bus", "--config", "/no/m.conf"}, 1, "cannot read the broker configuration /no/m.conf\n"},
@@ -218,6 +221,29 @@ TEST(KelmsgBus, SaysSoWhenTheBrokerDiesUnderIt) {
       << bus.Err();
 }
 
+// Only loopback goes without TLS and passwords; `user add` makes a user
+// whose password, with the CA, lets clients in over TLS, and nobody else.
+TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
+  const ScratchDirectory state;
+  KelmsgProcess added({"bus", "user", "add", "solver", "--state-dir", state / ""});
+  ASSERT_EQ(added.ExitCode(), 0) << added.Err();
+  EXPECT_EQ(added.Out().size(), 25u) << "one line with the password";
+
+  KelmsgProcess bus(
+      {"bus", "--tls", "--auth", "--state-dir", state / "", "--ports", "20000-29999"});
+  ASSERT_TRUE(bus.WaitForOutput(".password\n")) << bus.Err();
+  std::istringstream lines(bus.Out());
+  for (std::string line; std::getline(lines, line);)
+    setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
+  EXPECT_EQ(KelmsgProcess({"send", "nobody", "--text", "in"}).ExitCode(), 0);
+  unsetenv("KELBUS_PASSWORD_FILE");
+  KelmsgProcess anonymous({"send", "nobody", "--text", "in"});
+  EXPECT_EQ(anonymous.ExitCode(), 1);
+  unsetenv("KELBUS_CA_FILE");
+  EXPECT_NE(anonymous.Err().find("Not authorized"), std::string::npos) << anonymous.Err();
+  EXPECT_EQ(anonymous.Err().find(added.Out().substr(0, 24)), std::string::npos) << anonymous.Err();
+}
+
 // Two buses started at once may both find a port free; the one whose
 // broker then cannot take it must not count the other's broker as its own.
 TEST(KelmsgBus, ABrokerCountsAsStartedOnlyWhenItHoldsItsPort) {
@@ -235,10 +261,11 @@ TEST(KelmsgBus, ABrokerCountsAsStartedOnlyWhenItHoldsItsPort) {
 TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
   WriteFile(m_scratch / "progress.xml", "<Progress percent=\"50\"/>");
   WriteFile(m_scratch / "deck.inp", "*NODE\n1, 0.0, 0.0\n");
-  KelmsgProcess listen({"listen", "inbox", "--count", "8"});
+  KelmsgProcess listen({"listen", "inbox", "--count", "9"});
   ASSERT_TRUE(listen.WaitForOutput("listening as inbox\n")) << listen.Err();
   const std::vector<std::string> sends[] = {
       {"send", "inbox", "--as", "sender", "--text", "hello, bus"},
+      {"send", "inbox", "--as", "a\x1b]0;t\x07\n\xc2\x9b", "--text", "\x1b[2J\xff"},
       {"send", "inbox", "--as", "sender", "--xml", "progress.xml"},
       {"send", "inbox", "--as", "monitor", "--kill", "soft"},
       {"send", "inbox", "--kill", "hard"},
@@ -254,6 +281,8 @@ TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
   for (const char* expected :
        {"KelMsgPrintingHandler::HandleMessage -- id sender\nMessage Type: KelMsgStringType\n"
         "   size: 10\n   data[0]: h\n   data[9]: s\n",
+        // What peers send reaches the terminal only as visible escapes.
+        "-- id a\\x1b]0;t\\x07\\x0a\\xc2\\x9b\n", "data[0]: \\x1b\n", "data[4]: \\xff\n",
         "-- id sender\nAnalysis Message", "<Progress percent=\"50\"/>\n",
         "-- id monitor\nMessage Type: KelMsgProcessControlType\n",
         "<Kill type=\"symconst\">SOFT_KILL</Kill>", "-- id kelmsg-send-", "HARD_KILL</Kill>",

@@ -9,11 +9,13 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <KelMsgFeaMessaging/KelMsgPortFinder.h>
 #include <CLI/CLI.hpp>
 #include "PrivateBroker.h"
 
+#include "BusSecurity.h"
 #include "CommandFailure.h"
 #include "Commands.h"
 #include "PortList.h"
@@ -34,6 +36,7 @@ struct BusOptions {
   std::string address = "127.0.0.1";
   std::string configuration;
   std::string program = MosquittoProgram();
+  BusSecurityOptions security;
 };
 
 // Beside the program, as installed and as built: bin/kelmsg and
@@ -46,15 +49,13 @@ std::string InstalledConfiguration() {
       .string();
 }
 
-// What the bus's clients put in KELBUS_URL.
-std::string Url(const std::string& address, int port) {
-  std::string host = address;
-  if (address == "0.0.0.0") {
-    char name[256] = {};
-    gethostname(name, sizeof name - 1);
-    host = name;
-  }
-  return "mqtt://" + host + ":" + std::to_string(port);
+// The host that clients put in KELBUS_URL.
+std::string Host(const std::string& address) {
+  if (address != "0.0.0.0")
+    return address;
+  char name[256] = {};
+  gethostname(name, sizeof name - 1);
+  return name;
 }
 
 std::unique_ptr<PrivateBroker> StartBroker(const BusOptions& options,
@@ -82,12 +83,17 @@ void Bus(const BusOptions& options) {
   if (access(settings.configuration.c_str(), R_OK) != 0) {
     throw CommandFailure("cannot read the broker configuration " + settings.configuration);
   }
+  const std::string host = Host(options.address);
+  std::vector<std::string> names{host};
+  if (host != options.address && options.address != "0.0.0.0")
+    names.push_back(options.address);
+  SecureBroker(options.security, options.address, names, &settings);
   StopSignals::Catch();
   const std::unique_ptr<PrivateBroker> broker = StartBroker(options, settings);
   // Standard error first: whoever has read the URL may count on this line.
   std::fprintf(stderr, "kelmsg bus: mosquitto %d listens on %s port %d; Ctrl-C stops it\n",
                broker->Pid(), options.address.c_str(), broker->Port());
-  std::printf("KELBUS_URL=%s\n", Url(options.address, broker->Port()).c_str());
+  std::fputs(ClientSettings(options.security, host, broker->Port()).c_str(), stdout);
   std::fflush(stdout);
 
   while (!StopSignals::Arrived() && !broker->Exited())
@@ -123,5 +129,9 @@ void AddBusCommand(CLI::App& app) {
   command->add_option("--mosquitto", options->program, "the broker program")
       ->capture_default_str()
       ->type_name("PROGRAM");
-  command->callback([options] { Bus(*options); });
+  AddBusSecurity(*command, options->security);
+  command->callback([options, command] {
+    if (!RanBusSubcommand(*command))
+      Bus(*options);
+  });
 }

@@ -21,6 +21,7 @@
 #include "Commands.h"
 #include "Session.h"
 #include "StopSignals.h"
+#include "VisibleText.h"
 
 namespace {
 
@@ -40,18 +41,22 @@ struct Countdown {
   }
 };
 
-// The library's printing handler, counted.
+// The library's printing handler, counted, with what the peer sent made
+// safe for a terminal.
 class CountedPrinter : public KelMsgBBMessageHandler {
  public:
   explicit CountedPrinter(Countdown& countdown) : m_countdown(countdown) {}
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    m_printer.HandleMessage(msg, id);
+    const std::string sender = VisibleText(id, LineBreaks::kEscape);
+    const std::string printout = Printed([&](std::FILE* stream) {
+      KelMsgPrintingHandler(stream).HandleMessage(msg, sender.c_str());
+    });
+    std::fputs(VisibleText(printout, LineBreaks::kKeep).c_str(), stdout);
     std::fflush(stdout);
     m_countdown.Tick();
   }
 
  private:
-  KelMsgPrintingHandler m_printer{stdout};
   Countdown& m_countdown;
 };
 

@@ -10,10 +10,20 @@
 // WHERE THE BUS IS
 //   The environment variable KELBUS_URL, read by each RegisterCommunicator:
 //     mqtt://[user[:password]@]host[:port][/namespace]
+//     mqtts://[user[:password]@]host[:port][/namespace]
 //   The default is mqtt://127.0.0.1:1883.  User and password may be
 //   percent-encoded; a numeric IPv6 host is written in brackets.  The
 //   namespace (default "kelbus") prefixes every topic, so several suites can
-//   share one broker; it may not contain '+', '#' or '%'.
+//   share one broker; it may not contain '+', '#' or '%'.  A query or a
+//   fragment is refused, never taken for part of the namespace.
+//   mqtts:// (default port 8883) speaks TLS: the broker's certificate must be
+//   signed by the CA in the file KELBUS_CA_FILE names (unset: a CA of the
+//   system's store, /etc/ssl/certs) and name the host of the URL.
+//   KELBUS_CERT_FILE and KELBUS_KEY_FILE (both or neither) name the client's
+//   certificate and its unencrypted key, for brokers that ask for one.
+//   KELBUS_PASSWORD_FILE names a file whose first line is the password of
+//   the URL's user; it keeps the password out of the environment and the
+//   process list.  No message of the bus shows a password.
 //     local:
 //   selects an in-process bus without broker: the communicators of one
 //   process reach each other and nobody else.
@@ -115,13 +125,16 @@ enum KelBusResult {
   // inherited from the parent of a forked process).  BBSysLoopWait: the
   // process has no open communicator.
   KELBUS_ERR_BAD_ID = -2,
-  // KELBUS_URL is malformed; a diagnostic line tells why.
+  // KELBUS_URL is malformed, or the files named by KELBUS_PASSWORD_FILE,
+  // KELBUS_CA_FILE, KELBUS_CERT_FILE or KELBUS_KEY_FILE are unusable or do
+  // not fit it; a diagnostic line tells why.
   KELBUS_ERR_URL = -3,
   // No broker answered at KELBUS_URL within KELBUS_CONNECT_SECONDS; a
   // diagnostic line names the URL and how to start a broker.
   KELBUS_ERR_UNREACHABLE = -4,
   // The broker answered but refused the connection or a subscription (for
-  // instance bad user name or password, not authorised).
+  // instance bad user name or password, not authorised), or TLS failed: the
+  // broker's certificate is not trusted or does not name its host.
   KELBUS_ERR_REFUSED = -5,
   // DeclareApplicationId with flag 0: a live process holds the name.
   KELBUS_ERR_NAME_HELD = -6,
