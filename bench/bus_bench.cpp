@@ -1,10 +1,12 @@
 // The bus against raw libmosquitto, measured side by side in one run against
-// one private broker (config/kelbus-mosquitto.conf on a free port):
+// one private broker (config/kelbus-mosquitto.conf on a free port), and the
+// bus over mqtts:// (a second such broker with TLS and passwords) against
+// the bus over mqtt://:
 //   - round trip of a small message: KelMsgBBAPI (registry, waiting loop on
 //     the caller's thread) versus a raw publish/subscribe echo at QoS 1;
 //   - throughput of 64 KiB messages from one process to another.
-// The two alternate (round trips in blocks, throughput in back-to-back
-// pairs) so that both see the same machine load; on a shared machine single
+// All three alternate (round trips in blocks, throughput in back-to-back
+// rounds) so that they see the same machine load; on a shared machine single
 // pairs still vary a lot, so the medians are the figures printed, as rows of
 // the benchmark table (BenchTable.h).
 //
@@ -132,7 +134,9 @@ int BusSource(int count) {
   return 0;
 }
 
-double BusThroughput(int count) {
+// Between two processes of the bus at `broker`.
+double BusThroughput(const TestBroker& broker, int count) {
+  broker.ExportUrl("bench");
   int received = 0;
   int done = -1;
   const int sink = JoinBus("sink", [&](const KelMsgStringType& message, const char*) {
@@ -263,20 +267,28 @@ int main(int argc, char** argv) {
   const int roundTrips = argc > 1 ? std::atoi(argv[1]) : 3000;
   const int blocks = argc > 2 ? std::atoi(argv[2]) : 1000;
   const int rounds = argc > 3 ? std::atoi(argv[3]) : 6;
-  TestBroker broker;
-  if (!broker.Running())
-    Die(broker.Error());
-  broker.ExportUrl("bench");
+  const TestBroker broker;
+  const TestBroker tlsBroker(TestBroker::Security::kTlsAndPasswords);
+  for (const TestBroker* started : {&broker, &tlsBroker}) {
+    if (!started->Running())
+      Die(started->Error());
+  }
 
-  // Round trips: both echoes stay up, and blocks of the two alternate.
-  std::vector<double> busTrips, rawTrips;
+  // Round trips: every echo stays up, and blocks of each alternate.  Each
+  // bus echo joins the bus whose URL is exported when it is forked.
+  std::vector<double> busTrips, tlsTrips, rawTrips;
   {
     const int port = broker.Port();
+    tlsBroker.ExportUrl("bench");
+    ChildProcess tlsEcho = ChildProcess::Fork(&BusEcho);
+    broker.ExportUrl("bench");
     ChildProcess busEcho = ChildProcess::Fork(&BusEcho);
     ChildProcess rawEcho = ChildProcess::Fork([port] { return RawEcho(port); });
     int answered = -1;
-    const int pinger =
-        JoinBus("pinger", [&](const KelMsgStringType&, const char*) { answered = 0; });
+    const auto answer = [&](const KelMsgStringType&, const char*) { answered = 0; };
+    const int pinger = JoinBus("pinger", answer);
+    tlsBroker.ExportUrl("bench");
+    const int tlsPinger = JoinBus("pinger", answer);
     Signal rawAnswered;
     RawMqttClient rawPinger(port,
                             [&](const std::string&, const char*, int) { rawAnswered.Raise(); });
@@ -285,20 +297,25 @@ int main(int argc, char** argv) {
     for (int block = 0; block < rounds * kBlocksPerRound; ++block) {
       const auto bus = BusRoundTrips(pinger, answered, roundTrips / kBlocksPerRound);
       const auto raw = RawRoundTrips(rawPinger, rawAnswered, roundTrips / kBlocksPerRound);
+      const auto tls = BusRoundTrips(tlsPinger, answered, roundTrips / kBlocksPerRound);
       busTrips.insert(busTrips.end(), bus.begin(), bus.end());
       rawTrips.insert(rawTrips.end(), raw.begin(), raw.end());
+      tlsTrips.insert(tlsTrips.end(), tls.begin(), tls.end());
     }
     SendBytes(pinger, "echo", "");
+    SendBytes(tlsPinger, "echo", "");
     rawPinger.Publish("raw/ping", "", 0);
-    busEcho.ExitCode(std::chrono::seconds(10));
-    rawEcho.ExitCode(std::chrono::seconds(10));
+    for (ChildProcess* echo : {&busEcho, &tlsEcho, &rawEcho})
+      echo->ExitCode(std::chrono::seconds(10));
     CloseCommunicator(pinger);
+    CloseCommunicator(tlsPinger);
   }
-  // Throughput: bus and raw rounds back to back.
-  std::vector<double> busRates, rawRates;
+  // Throughput: bus, raw and TLS rounds back to back.
+  std::vector<double> busRates, rawRates, tlsRates;
   for (int round = 0; round < rounds * kThroughputPairsPerRound; ++round) {
-    busRates.push_back(BusThroughput(blocks));
+    busRates.push_back(BusThroughput(broker, blocks));
     rawRates.push_back(RawThroughput(broker.Port(), blocks));
+    tlsRates.push_back(BusThroughput(tlsBroker, blocks));
   }
 
   const double micro = 1e-6;
@@ -310,5 +327,12 @@ int main(int argc, char** argv) {
   PrintBenchRow({"throughput, 64 KiB messages (median of rounds)", Median(busRates) * kBlockBytes,
                  "raw libmosquitto", Median(rawRates) * kBlockBytes, BenchUnit::kBytesPerSecond,
                  BenchGoal::kAtLeast, 0.85});
+  PrintBenchRow({"round trip, 16-byte message over mqtts:// (median)", Median(tlsTrips) * micro,
+                 "the bus over mqtt://", Median(busTrips) * micro, BenchUnit::kSeconds,
+                 BenchGoal::kAtMost, 1.3});
+  PrintBenchRow({"throughput, 64 KiB messages over mqtts:// (median of rounds)",
+                 Median(tlsRates) * kBlockBytes, "the bus over mqtt://",
+                 Median(busRates) * kBlockBytes, BenchUnit::kBytesPerSecond, BenchGoal::kAtLeast,
+                 0.7});
   return 0;
 }
