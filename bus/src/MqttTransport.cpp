@@ -1,10 +1,12 @@
 // The bus over an MQTT 5 broker (see KelBus.h for the mapping).
 //
 // A communicator starts on a link under a client identifier of its own.
-// Claiming an application opens a second link under the application's
-// client identifier, with the departure record as will and the presence
-// record as birth message, and retires the first link once everything sent
-// on it has reached the broker, so that order holds across the switch.
+// Claiming an application ends the session its former holder left on the
+// broker, opens a second link under the application's client identifier,
+// with the departure record as will and the presence record as birth
+// message, and retires the first link once everything sent on it has reached
+// the broker, so that order holds across the switch.  Both links keep their
+// sessions across broken connections.
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
@@ -16,9 +18,11 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
+#include "BusSettings.h"
 #include "BusTopics.h"
 #include "Diagnostics.h"
 #include "LastError.h"
@@ -61,17 +65,18 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   void AbandonAfterFork() override;
 
  private:
-  struct PropertiesDeleter {
-    void operator()(mosquitto_property* properties) const {
-      mosquitto_property_free_all(&properties);
-    }
-  };
-  using Properties = std::unique_ptr<mosquitto_property, PropertiesDeleter>;
-
   // MqttLink::Listener, on the links' threads.
   void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
   void OnStateChanged() override;
 
+  // Ends the session that the name's former holder left on the broker, so
+  // that nothing queued for it reaches this holder, and publishes
+  // `presence` before a `displaced` holder could reconnect.  The broker
+  // publishes no will for a session that a new connection ends, so the
+  // displaced holder's departure is published here.
+  KelBusResult EndFormerSession(const ProcessRecord& presence,
+                                const std::optional<ProcessRecord>& displaced,
+                                Clock::time_point deadline);
   std::unique_ptr<MqttLink> NewHolderLink(const ProcessRecord& presence);
   // The reconnect guard of the holder's link.
   MqttLink::Verdict CheckNameStillOurs(const std::string& app, std::uint64_t claim) const;
@@ -83,6 +88,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   const BusTopics m_topics;
   const Inbox m_inbox;
   const ProcessRecord m_process;
+  const BusSettings m_settings;
   std::atomic<bool> m_watching{false};
 
   // Serialises the operations that use the link (claim, send, watch, close).
@@ -105,7 +111,11 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
 };
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
-    : m_address(address), m_topics(address.nameSpace), m_inbox(inbox), m_process(ThisProcess()) {}
+    : m_address(address),
+      m_topics(address.nameSpace),
+      m_inbox(inbox),
+      m_process(ThisProcess()),
+      m_settings(BusSettingsFromEnvironment()) {}
 
 MqttTransport::~MqttTransport() {
   Close();
@@ -116,6 +126,7 @@ KelBusResult MqttTransport::Connect(const std::string& label) {
       m_address,
       m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator()),
       *this);
+  link->SetLastingSession(m_settings.sessionExpiry);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
   m_link = std::move(link);
@@ -126,7 +137,9 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   ProcessRecord departure = presence;
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
-  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode());
+  link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(),
+                m_settings.departureDelay);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
   link->SetReconnectGuard([this, app = presence.app, claim = presence.claim] {
     return CheckNameStillOurs(app, claim);
@@ -140,20 +153,23 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
 KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   std::lock_guard operation(m_operationMutex);
   const auto deadline = Clock::now() + kConnectLimit;
-  if (!takeOver) {
-    const PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
-    if (reading.result != KELBUS_OK)
-      return reading.result;
-    if (reading.record && reading.record->kind == ProcessRecord::Kind::kPresent) {
-      return Fail(KELBUS_ERR_NAME_HELD,
-                  "application '" + app + "' is held by " + Holder(*reading.record));
-    }
+  PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  if (reading.result != KELBUS_OK)
+    return reading.result;
+  if (reading.record && reading.record->kind != ProcessRecord::Kind::kPresent)
+    reading.record.reset();
+  if (reading.record && !takeOver) {
+    return Fail(KELBUS_ERR_NAME_HELD,
+                "application '" + app + "' is held by " + Holder(*reading.record));
   }
   ProcessRecord presence = m_process;
   presence.app = app;
   presence.claim = RandomClaim();
+  KelBusResult result = EndFormerSession(presence, reading.record, deadline);
+  if (result != KELBUS_OK)
+    return result;
   auto holder = NewHolderLink(presence);
-  KelBusResult result = holder->Open(deadline);
+  result = holder->Open(deadline);
   if (result == KELBUS_OK)
     result = holder->Settle(deadline);
   if (result != KELBUS_OK) {
@@ -173,6 +189,26 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   m_claimed = true;
   retired->Close(false);
   return KELBUS_OK;
+}
+
+KelBusResult MqttTransport::EndFormerSession(const ProcessRecord& presence,
+                                             const std::optional<ProcessRecord>& displaced,
+                                             Clock::time_point deadline) {
+  const std::string topic = m_topics.PresenceTopic(presence.app);
+  MqttLink link(m_address, m_topics.HolderClientId(presence.app), *this);
+  link.SetBirth(topic, presence.Encode());
+  KelBusResult result = link.Open(deadline);
+  if (result == KELBUS_OK && displaced) {
+    ProcessRecord departure = *displaced;
+    departure.kind = ProcessRecord::Kind::kDeparted;
+    const std::string payload = departure.Encode();
+    result =
+        link.Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline);
+  }
+  if (result == KELBUS_OK)
+    result = link.Settle(deadline);
+  link.Close(false);
+  return result;
 }
 
 MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
@@ -218,7 +254,14 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
     m_lastTarget.assign(target);
     m_topics.MessageTopic(target, &m_targetTopic);
   }
-  return m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
+  const KelBusResult result = m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get(),
+                                              Clock::now() + m_settings.sendTimeout);
+  if (result == KELBUS_ERR_TIMEOUT) {
+    return Fail(result, "gave up sending to '" + std::string(target) + "' after " +
+                            std::to_string(m_settings.sendTimeout.count()) +
+                            " s: " + LastErrorText());
+  }
+  return result;
 }
 
 KelBusResult MqttTransport::WatchDepartures(bool on) {

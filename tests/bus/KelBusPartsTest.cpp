@@ -128,9 +128,6 @@ TEST(KelBusSendWindow, CountsWhatTheBrokerHasNotAcknowledged) {
   for (int mid = 41; mid <= 150; ++mid)
     window.Acknowledge(mid);
   EXPECT_TRUE(window.Empty());
-  window.Add(151, 10);
-  window.Clear();
-  EXPECT_TRUE(window.Empty());
 }
 
 }  // namespace
