@@ -55,10 +55,12 @@ std::string BusTopics::HolderClientId(std::string_view app) const {
 }
 
 std::string BusTopics::CommunicatorClientId(std::string_view label, std::string_view host, int pid,
-                                            int communicator) const {
+                                            int communicator, std::string_view instance) const {
   std::string id = m_communicatorPrefix;
   AppendEscapedLevel(host, &id);
   id += "/" + std::to_string(pid) + "/" + std::to_string(communicator) + "/";
+  id += instance;
+  id += "/";
   AppendEscapedLevel(label, &id);
   return id;
 }

@@ -31,9 +31,10 @@ class BusTopics {
   // Matches the presence topics of every application.
   std::string PresenceFilter() const;
   std::string HolderClientId(std::string_view app) const;
-  // The client identifier of a communicator that holds no application.
+  // The client identifier of a communicator that holds no application;
+  // `instance` sets it apart from any other, even of a recycled process id.
   std::string CommunicatorClientId(std::string_view label, std::string_view host, int pid,
-                                   int communicator) const;
+                                   int communicator, std::string_view instance) const;
 
   bool IsMessageTopic(std::string_view topic) const;
   bool IsPresenceTopic(std::string_view topic) const;

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -29,6 +30,7 @@
 #include "MqttLink.h"
 #include "PresenceReader.h"
 #include "ProcessRecord.h"
+#include "SequenceTracker.h"
 #include "Transport.h"
 
 namespace kelbus {
@@ -41,6 +43,8 @@ constexpr std::chrono::seconds kConnectLimit{KELBUS_CONNECT_SECONDS};
 constexpr std::chrono::seconds kGuardLimit{2};
 // The same departure record arriving again this soon is the same event.
 constexpr std::chrono::seconds kRepeatedReportWindow{2};
+// Senders whose sequence numbers a holder remembers.
+constexpr std::size_t kRememberedSenders = 4096;
 
 std::string Holder(const ProcessRecord& record) {
   return "process " + std::to_string(record.pid) + " of user " + record.user + " on host " +
@@ -80,8 +84,12 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   std::unique_ptr<MqttLink> NewHolderLink(const ProcessRecord& presence);
   // The reconnect guard of the holder's link.
   MqttLink::Verdict CheckNameStillOurs(const std::string& app, std::uint64_t claim) const;
-  // Sets the content type for `type` unless it is the last one used.
-  KelBusResult PrepareType(const char* type);
+  // The type as content type and the sender's sequence number.
+  static KelBusResult LabelMessage(const char* type, const std::string& sequenceLabel,
+                                   Properties* properties);
+  // A message for the held application: dropped when delivered before,
+  // reported when messages before it never came.
+  void Receive(const mosquitto_message& message, const mosquitto_property* properties);
   void Report(const ProcessRecord& departure);
 
   const BusAddress m_address;
@@ -95,10 +103,13 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   std::mutex m_operationMutex;
   bool m_claimed = false;
   bool m_closed = false;
-  std::string m_lastTarget, m_targetTopic;
-  std::string m_lastType;
-  bool m_typePrepared = false;
-  Properties m_typeProperties;  // null for the empty type name
+  // The topic of every application sent to, and the last sequence number.
+  std::map<std::string, std::pair<std::string, std::uint64_t>, std::less<>> m_targets;
+  const std::uint64_t m_senderId = RandomClaim();
+  std::string m_app;  // set before the holder link opens
+
+  std::mutex m_arrivalsMutex;
+  SequenceTracker m_arrivals{kRememberedSenders};
 
   // Guards the pointer, which a claim replaces, for NameLost.
   mutable std::mutex m_linkMutex;
@@ -124,7 +135,8 @@ MqttTransport::~MqttTransport() {
 KelBusResult MqttTransport::Connect(const std::string& label) {
   auto link = std::make_unique<MqttLink>(
       m_address,
-      m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator()),
+      m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator(),
+                                    SenderTag(m_senderId)),
       *this);
   link->SetLastingSession(m_settings.sessionExpiry);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
@@ -164,6 +176,7 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   }
   ProcessRecord presence = m_process;
   presence.app = app;
+  m_app = app;
   presence.claim = RandomClaim();
   KelBusResult result = EndFormerSession(presence, reading.record, deadline);
   if (result != KELBUS_OK)
@@ -224,38 +237,40 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
   return MqttLink::Verdict::kGiveUp;
 }
 
-KelBusResult MqttTransport::PrepareType(const char* type) {
-  if (m_typePrepared && m_lastType == type)
-    return KELBUS_OK;
-  m_typePrepared = false;
-  m_typeProperties.reset();
+KelBusResult MqttTransport::LabelMessage(const char* type, const std::string& sequenceLabel,
+                                         Properties* properties) {
+  mosquitto_property* list = nullptr;
   // An empty type name travels as no content type at all: libmosquitto
   // cannot copy an empty string property.
-  if (type[0] != '\0') {
-    mosquitto_property* properties = nullptr;
-    const int added = mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type);
-    if (added != MOSQ_ERR_SUCCESS) {
-      mosquitto_property_free_all(&properties);
-      return FailFromMosquitto(added, KELBUS_ERR_INVALID, "cannot label the message with its type");
-    }
-    m_typeProperties.reset(properties);
+  int added = type[0] == '\0' ? MOSQ_ERR_SUCCESS
+                              : mosquitto_property_add_string(&list, MQTT_PROP_CONTENT_TYPE, type);
+  if (added == MOSQ_ERR_SUCCESS) {
+    added = mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kSequenceProperty,
+                                               sequenceLabel.c_str());
   }
-  m_lastType = type;
-  m_typePrepared = true;
+  properties->reset(list);
+  if (added != MOSQ_ERR_SUCCESS)
+    return FailFromMosquitto(added, KELBUS_ERR_INVALID, "cannot label the message with its type");
   return KELBUS_OK;
 }
 
 KelBusResult MqttTransport::Send(std::string_view target, const char* type, const void* bytes,
                                  int size) {
   std::lock_guard operation(m_operationMutex);
-  if (const KelBusResult result = PrepareType(type); result != KELBUS_OK)
+  auto known = m_targets.find(target);
+  if (known == m_targets.end())
+    known = m_targets.emplace(target, std::pair(m_topics.MessageTopic(target), 0)).first;
+  auto& [topic, sequence] = known->second;
+  Properties properties;
+  if (const KelBusResult result =
+          LabelMessage(type, SequenceLabel(m_senderId, sequence + 1), &properties);
+      result != KELBUS_OK) {
     return result;
-  if (target != m_lastTarget || m_targetTopic.empty()) {
-    m_lastTarget.assign(target);
-    m_topics.MessageTopic(target, &m_targetTopic);
   }
-  const KelBusResult result = m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get(),
-                                              Clock::now() + m_settings.sendTimeout);
+  const KelBusResult result =
+      m_link->Publish(topic, bytes, size, properties.get(), Clock::now() + m_settings.sendTimeout);
+  if (result == KELBUS_OK)
+    ++sequence;
   if (result == KELBUS_ERR_TIMEOUT) {
     return Fail(result, "gave up sending to '" + std::string(target) + "' after " +
                             std::to_string(m_settings.sendTimeout.count()) +
@@ -301,10 +316,7 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
   const std::string_view topic(message.topic);
   const auto size = static_cast<std::size_t>(message.payloadlen);
   if (m_topics.IsMessageTopic(topic)) {
-    char* type = nullptr;
-    mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
-    m_inbox.Message(type != nullptr ? type : "", message.payload, size);
-    std::free(type);
+    Receive(message, properties);
     return;
   }
   if (!m_watching || !m_topics.IsPresenceTopic(topic))
@@ -312,6 +324,48 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
   const auto record = ProcessRecord::Decode(message.payload, size);
   if (record && record->kind == ProcessRecord::Kind::kDeparted)
     Report(*record);
+}
+
+void MqttTransport::Receive(const mosquitto_message& message,
+                            const mosquitto_property* properties) {
+  std::optional<std::pair<std::uint64_t, std::uint64_t>> numbered;  // sender, sequence
+  char* name = nullptr;
+  char* value = nullptr;
+  for (const mosquitto_property* property = mosquitto_property_read_string_pair(
+           properties, MQTT_PROP_USER_PROPERTY, &name, &value, false);
+       property != nullptr && !numbered;
+       property = mosquitto_property_read_string_pair(property, MQTT_PROP_USER_PROPERTY, &name,
+                                                      &value, true)) {
+    std::uint64_t sender = 0, sequence = 0;
+    if (std::strcmp(name, kSequenceProperty) == 0) {
+      if (!ParseSequenceLabel(value, &sender, &sequence)) {
+        Diagnose("KelBus: dropped a message to application '" + m_app + "' whose sequence label '" +
+                 value + "' is malformed");
+        std::free(name);
+        std::free(value);
+        return;
+      }
+      numbered.emplace(sender, sequence);
+    }
+    std::free(name);
+    std::free(value);
+  }
+  if (numbered) {
+    std::unique_lock lock(m_arrivalsMutex);
+    const SequenceTracker::Verdict verdict = m_arrivals.Arrived(numbered->first, numbered->second);
+    lock.unlock();
+    if (!verdict.deliver)
+      return;
+    if (verdict.lost > 0) {
+      Diagnose("KelBus: " + std::to_string(verdict.lost) + " message(s) from sender " +
+               SenderTag(numbered->first) + " to application '" + m_app + "' were lost");
+    }
+  }
+  char* type = nullptr;
+  mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
+  m_inbox.Message(type != nullptr ? type : "", message.payload,
+                  static_cast<std::size_t>(message.payloadlen));
+  std::free(type);
 }
 
 void MqttTransport::Report(const ProcessRecord& departure) {

@@ -159,6 +159,46 @@ TEST_F(KelBusBroker, ALostConnectionIsRestoredAndWhatWasSentMeanwhileArrives) {
   EXPECT_EQ(lines[1], "KelBus: the connection to " + url + " is restored");
 }
 
+// A plain MQTT client forges the sequence labels of a sender: a message
+// seen before is dropped, one after a gap is delivered with a report, a
+// malformed label is refused with a report, and no label at all is plain.
+TEST_F(KelBusBroker, RepeatsAreDroppedAndGapsAndForgeriesReported) {
+  Member holder("numbered");
+  ASSERT_EQ(CollectMessages(holder.Id()), KELBUS_OK);
+  const DiagnosticLines diagnostics;
+  const std::pair<std::string, std::string> published[] = {{"00000000000000ab:1", "one"},
+                                                           {"00000000000000ab:1", "again"},
+                                                           {"00000000000000ab:4", "four"},
+                                                           {"00000000000000AB:5", "forged"},
+                                                           {"", "plain"}};
+  for (const auto& [label, text] : published) {
+    std::vector<std::string> command = {KELMSG_MOSQUITTO_PUB,
+                                        "-p",
+                                        std::to_string(m_broker.Port()),
+                                        "-V",
+                                        "5",
+                                        "-q",
+                                        "1",
+                                        "-t",
+                                        "test/a/numbered",
+                                        "-m",
+                                        text};
+    if (!label.empty())
+      command.insert(command.end(), {"-D", "publish", "user-property", "kelbus-seq", label});
+    ASSERT_EQ(ChildProcess::Exec(command, "/dev/null").ExitCode(10s), 0);
+  }
+  ASSERT_TRUE(Await(3));
+  EXPECT_EQ(Received().messages[0].bytes, "one");
+  EXPECT_EQ(Received().messages[1].bytes, "four");
+  EXPECT_EQ(Received().messages[2].bytes, "plain");
+  const auto lines = diagnostics.Lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(
+      lines[0],
+      "KelBus: 2 message(s) from sender 00000000000000ab to application 'numbered' were lost");
+  EXPECT_NE(lines[1].find("'00000000000000AB:5' is malformed"), std::string::npos) << lines[1];
+}
+
 TEST_F(KelBusBroker, SendRequestWaitsWhileTheBrokerHoldsBackItsAcknowledgements) {
   Member sink("sink");
   Member source;

@@ -12,6 +12,7 @@
 #include "BusTopics.h"
 #include "ProcessRecord.h"
 #include "SendWindow.h"
+#include "SequenceTracker.h"
 
 namespace kelbus {
 namespace {
@@ -90,7 +91,8 @@ TEST(KelBusTopics, AnyApplicationNameBecomesOneSafeLevel) {
   EXPECT_TRUE(topics.IsPresenceTopic("suite/p/x"));
   EXPECT_FALSE(topics.IsPresenceTopic("other/p/x"));
   EXPECT_EQ(topics.HolderClientId("solver"), "suite/a/solver");
-  EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3), "suite/c/node7/42/3/my%20tool");
+  EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3, "ab"),
+            "suite/c/node7/42/3/ab/my%20tool");
 }
 
 // Records come from other processes: anything but exactly one is refused.
@@ -128,6 +130,18 @@ TEST(KelBusSendWindow, CountsWhatTheBrokerHasNotAcknowledged) {
   for (int mid = 41; mid <= 150; ++mid)
     window.Acknowledge(mid);
   EXPECT_TRUE(window.Empty());
+}
+
+// A holder's memory of its senders is bounded: the least recent is
+// forgotten, and then taken for new.
+TEST(KelBusSequenceTracker, ForgetsTheLeastRecentSenderWhenFull) {
+  SequenceTracker tracker(2);
+  tracker.Arrived(1, 5);
+  tracker.Arrived(2, 5);
+  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);  // a repeat; 1 is now the most recent
+  tracker.Arrived(3, 5);                        // 2 goes
+  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);
+  EXPECT_TRUE(tracker.Arrived(2, 5).deliver);
 }
 
 }  // namespace
