@@ -50,6 +50,10 @@ std::string BusTopics::PresenceFilter() const {
   return m_presencePrefix + "+";
 }
 
+std::string BusTopics::CreditTopic(std::string_view senderTag) const {
+  return m_communicatorPrefix + std::string(senderTag);
+}
+
 std::string BusTopics::HolderClientId(std::string_view app) const {
   return MessageTopic(app);
 }
@@ -67,6 +71,10 @@ std::string BusTopics::CommunicatorClientId(std::string_view label, std::string_
 
 bool BusTopics::IsMessageTopic(std::string_view topic) const {
   return topic.starts_with(m_messagePrefix);
+}
+
+bool BusTopics::IsCreditTopic(std::string_view topic) const {
+  return topic.starts_with(m_communicatorPrefix);
 }
 
 bool BusTopics::IsPresenceTopic(std::string_view topic) const {

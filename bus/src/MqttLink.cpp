@@ -213,14 +213,23 @@ KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int 
     return Fail(KELBUS_ERR_TIMEOUT, "the broker at " + m_address.Describe() +
                                         " did not take the messages before it in time");
   }
-  return PublishLocked(topic, bytes, size, properties, false);
+  return PublishLocked(topic, bytes, size, properties, Publication::kCounted);
+}
+
+void MqttLink::PublishControl(const std::string& topic, const std::string& payload) {
+  std::lock_guard lock(m_mutex);
+  if (m_state == State::kUp || m_state == State::kDown) {
+    PublishLocked(topic, payload.data(), static_cast<int>(payload.size()), nullptr,
+                  Publication::kControl);
+  }
 }
 
 KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes, int size,
-                                     const mosquitto_property* properties, bool retain) {
+                                     const mosquitto_property* properties,
+                                     Publication publication) {
   int mid = 0;
-  const int result =
-      mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
+  const int result = mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos,
+                                          publication == Publication::kRetained, properties);
   m_wakeup.Raise();
   // NO_CONN: the connection broke before the link's thread noticed.  The
   // library keeps a QoS 1 message queued all the same and sends it once the
@@ -229,7 +238,8 @@ KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes
     return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT,
                              "cannot send a message of " + std::to_string(size) + " bytes");
   }
-  m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
+  if (publication != Publication::kControl)
+    m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
   return KELBUS_OK;
 }
 
@@ -250,7 +260,7 @@ void MqttLink::Close(bool withWill) {
     if (up) {
       if (withWill && !m_willTopic.empty()) {
         PublishLocked(m_willTopic, m_willPayload.data(), static_cast<int>(m_willPayload.size()),
-                      nullptr, true);
+                      nullptr, Publication::kRetained);
       }
       const Properties endSession =
           m_sessionExpiry ? IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, {}) : nullptr;
@@ -386,7 +396,7 @@ void MqttLink::Connected(int reason) {
       SubscribeLocked(subscription);
     if (!m_birthTopic.empty()) {
       PublishLocked(m_birthTopic, m_birthPayload.data(), static_cast<int>(m_birthPayload.size()),
-                    nullptr, true);
+                    nullptr, Publication::kRetained);
     }
     SetStateLocked(State::kUp);
   }

@@ -123,6 +123,9 @@ class MqttLink {
   // once it is back.  Gives up at `deadline` (KELBUS_ERR_TIMEOUT).
   KelBusResult Publish(const std::string& topic, const void* bytes, int size,
                        const mosquitto_property* properties, Clock::time_point deadline);
+  // Publishes a small message at QoS 1, not retained, at once and outside
+  // the send window, also while the connection is being restored.
+  void PublishControl(const std::string& topic, const std::string& payload);
   // Disconnects, ending the session, and stops the thread.  With
   // `withWill` the link publishes its will itself first: the broker would
   // hold it back for the will's delay even though the session ends.
@@ -166,8 +169,9 @@ class MqttLink {
   bool StartReconnecting();
   void Connected(int reason);
   void SubscribeLocked(const Subscription& subscription);
+  enum class Publication { kCounted, kRetained, kControl };
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
-                             const mosquitto_property* properties, bool retain);
+                             const mosquitto_property* properties, Publication publication);
   void SetStateLocked(State state);
 
   const BusAddress m_address;

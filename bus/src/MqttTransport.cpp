@@ -21,10 +21,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "BusSettings.h"
 #include "BusTopics.h"
+#include "CreditLedger.h"
 #include "Diagnostics.h"
 #include "LastError.h"
 #include "MqttLink.h"
@@ -43,6 +45,8 @@ constexpr std::chrono::seconds kConnectLimit{KELBUS_CONNECT_SECONDS};
 constexpr std::chrono::seconds kGuardLimit{2};
 // The same departure record arriving again this soon is the same event.
 constexpr std::chrono::seconds kRepeatedReportWindow{2};
+// What a message costs in a credit window beyond its bytes and type.
+constexpr std::size_t kMessageOverhead = 64;
 // Senders whose sequence numbers a holder remembers.
 constexpr std::size_t kRememberedSenders = 4096;
 
@@ -91,6 +95,15 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // reported when messages before it never came.
   void Receive(const mosquitto_message& message, const mosquitto_property* properties);
   void Report(const ProcessRecord& departure);
+  // The presence record of `app` comes in from now on; waits for the
+  // retained one while the connection is up.
+  void LearnPresence(std::string_view app);
+  void Consumed(const ReceivedMessage& message) override;
+  // A credit from a holder: its claim and the last sequence number it
+  // dispatched, 8 bytes each, little-endian.
+  void TakeCredit(const void* payload, std::size_t size);
+  // Whether a blocked send should stop waiting.
+  bool SendingStops() const;
 
   const BusAddress m_address;
   const BusTopics m_topics;
@@ -104,12 +117,20 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   bool m_claimed = false;
   bool m_closed = false;
   // The topic of every application sent to, and the last sequence number.
-  std::map<std::string, std::pair<std::string, std::uint64_t>, std::less<>> m_targets;
   const std::uint64_t m_senderId = RandomClaim();
-  std::string m_app;  // set before the holder link opens
+  CreditLedger m_targets{KELBUS_RECEIVE_WINDOW_BYTES};
+  std::atomic<bool> m_closing{false};
+  std::string m_app;          // set before the holder link opens
+  std::uint64_t m_claim = 0;  // likewise
 
+  // What the holder received and has yet to report dispatched, per sender.
+  struct Consumption {
+    std::size_t queued = 0;      // messages in the dispatch queue
+    std::size_t uncredited = 0;  // bytes dispatched since the last report
+  };
   std::mutex m_arrivalsMutex;
   SequenceTracker m_arrivals{kRememberedSenders};
+  std::unordered_map<std::uint64_t, Consumption> m_consumption;
 
   // Guards the pointer, which a claim replaces, for NameLost.
   mutable std::mutex m_linkMutex;
@@ -139,6 +160,7 @@ KelBusResult MqttTransport::Connect(const std::string& label) {
                                     SenderTag(m_senderId)),
       *this);
   link->SetLastingSession(m_settings.sessionExpiry);
+  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
   m_link = std::move(link);
@@ -157,6 +179,9 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
     return CheckNameStillOurs(app, claim);
   });
   link->Subscribe(m_topics.MessageTopic(presence.app), 0);
+  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
+  for (const std::string& target : m_targets.Applications())
+    link->Subscribe(m_topics.PresenceTopic(target), MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
   if (m_watching)
     link->Subscribe(m_topics.PresenceFilter(), MQTT_SUB_OPT_SEND_RETAIN_NEVER);
   return link;
@@ -178,6 +203,7 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   presence.app = app;
   m_app = app;
   presence.claim = RandomClaim();
+  m_claim = presence.claim;
   KelBusResult result = EndFormerSession(presence, reading.record, deadline);
   if (result != KELBUS_OK)
     return result;
@@ -254,28 +280,65 @@ KelBusResult MqttTransport::LabelMessage(const char* type, const std::string& se
   return KELBUS_OK;
 }
 
+bool MqttTransport::SendingStops() const {
+  return m_closing || NameLost();
+}
+
+void MqttTransport::LearnPresence(std::string_view app) {
+  ProcessRecord probe;
+  probe.kind = ProcessRecord::Kind::kProbe;
+  probe.app = app;
+  probe.claim = RandomClaim();
+  const std::string topic = m_topics.PresenceTopic(app);
+  m_link->Subscribe(topic, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+  if (m_link->CurrentState() != MqttLink::State::kUp)
+    return;
+  // The broker queues the retained record at the subscription, so it comes
+  // before the probe.
+  const auto deadline = Clock::now() + kConnectLimit;
+  const std::string payload = probe.Encode();
+  if (m_link->Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline) ==
+      KELBUS_OK) {
+    m_targets.AwaitProbe(app, probe.claim, deadline, [this] {
+      return SendingStops() || m_link->CurrentState() != MqttLink::State::kUp;
+    });
+  }
+}
+
 KelBusResult MqttTransport::Send(std::string_view target, const char* type, const void* bytes,
                                  int size) {
   std::lock_guard operation(m_operationMutex);
-  auto known = m_targets.find(target);
-  if (known == m_targets.end())
-    known = m_targets.emplace(target, std::pair(m_topics.MessageTopic(target), 0)).first;
-  auto& [topic, sequence] = known->second;
+  if (m_targets.Add(target))
+    LearnPresence(target);
   Properties properties;
-  if (const KelBusResult result =
-          LabelMessage(type, SequenceLabel(m_senderId, sequence + 1), &properties);
+  if (const KelBusResult result = LabelMessage(
+          type, SequenceLabel(m_senderId, m_targets.NextSequence(target)), &properties);
       result != KELBUS_OK) {
     return result;
   }
-  const KelBusResult result =
-      m_link->Publish(topic, bytes, size, properties.get(), Clock::now() + m_settings.sendTimeout);
-  if (result == KELBUS_OK)
-    ++sequence;
-  if (result == KELBUS_ERR_TIMEOUT) {
-    return Fail(result, "gave up sending to '" + std::string(target) + "' after " +
-                            std::to_string(m_settings.sendTimeout.count()) +
-                            " s: " + LastErrorText());
+  const std::size_t cost = static_cast<std::size_t>(size) + std::strlen(type) + kMessageOverhead;
+  const auto deadline = Clock::now() + m_settings.sendTimeout;
+  const std::string timedOut = "gave up sending to '" + std::string(target) + "' after " +
+                               std::to_string(m_settings.sendTimeout.count()) + " s";
+  switch (m_targets.WaitForRoom(target, cost, deadline, [this] { return SendingStops(); })) {
+    case CreditLedger::Room::kGo:
+      break;
+    case CreditLedger::Room::kGone:
+      return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
+    case CreditLedger::Room::kTimedOut:
+      return Fail(KELBUS_ERR_TIMEOUT,
+                  timedOut + ": its holder has not dispatched what came before");
+    case CreditLedger::Room::kAbandoned:
+      return NameLost()
+                 ? Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over")
+                 : Fail(KELBUS_ERR_BAD_ID, "the communicator was closed");
   }
+  const KelBusResult result =
+      m_link->Publish(m_topics.MessageTopic(target), bytes, size, properties.get(), deadline);
+  if (result == KELBUS_OK)
+    m_targets.Sent(target, cost);
+  if (result == KELBUS_ERR_TIMEOUT)
+    return Fail(result, timedOut + ": " + LastErrorText());
   return result;
 }
 
@@ -296,6 +359,8 @@ bool MqttTransport::NameLost() const {
 }
 
 void MqttTransport::Close() {
+  m_closing = true;
+  m_targets.Wake();
   std::lock_guard operation(m_operationMutex);
   if (m_closed || !m_link)
     return;
@@ -319,11 +384,64 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
     Receive(message, properties);
     return;
   }
-  if (!m_watching || !m_topics.IsPresenceTopic(topic))
+  if (m_topics.IsCreditTopic(topic)) {
+    TakeCredit(message.payload, size);
+    return;
+  }
+  if (!m_topics.IsPresenceTopic(topic))
     return;
   const auto record = ProcessRecord::Decode(message.payload, size);
-  if (record && record->kind == ProcessRecord::Kind::kDeparted)
+  // A record whose application is not its topic's is a forgery.
+  if (!record || m_topics.PresenceTopic(record->app) != topic)
+    return;
+  m_targets.RecordArrived(*record);
+  // Retained records come for a target's presence subscription, and tell of
+  // departures long past.
+  if (m_watching && !message.retain && record->kind == ProcessRecord::Kind::kDeparted)
     Report(*record);
+}
+
+void MqttTransport::TakeCredit(const void* payload, std::size_t size) {
+  constexpr std::size_t kFieldBytes = 8;
+  if (size != 2 * kFieldBytes)
+    return;
+  const auto* bytes = static_cast<const unsigned char*>(payload);
+  const auto field = [bytes](std::size_t at) {
+    std::uint64_t value = 0;
+    for (std::size_t i = kFieldBytes; i > 0; --i)
+      value = (value << 8) | bytes[at + i - 1];
+    return value;
+  };
+  m_targets.Credited(field(0), field(kFieldBytes));
+}
+
+void MqttTransport::Consumed(const ReceivedMessage& message) {
+  const std::uint64_t sender = message.origin.sender;
+  if (sender == 0)
+    return;
+  {
+    std::lock_guard lock(m_arrivalsMutex);
+    Consumption& consumption = m_consumption[sender];
+    --consumption.queued;
+    consumption.uncredited += message.bytes.size() + message.type.size() + kMessageOverhead;
+    // Reported when a quarter of the window is used up, and when nothing
+    // more of the sender's waits, so that a sender never waits for a report
+    // that no dispatch will make.
+    if (consumption.queued > 0 && consumption.uncredited < KELBUS_RECEIVE_WINDOW_BYTES / 4)
+      return;
+    if (consumption.queued == 0) {
+      m_consumption.erase(sender);
+    } else {
+      consumption.uncredited = 0;
+    }
+  }
+  std::string credit;
+  for (const std::uint64_t value : {m_claim, message.origin.sequence}) {
+    for (int i = 0; i < 8; ++i)
+      credit += static_cast<char>((value >> (8 * i)) & 0xFF);
+  }
+  std::lock_guard lock(m_linkMutex);
+  m_link->PublishControl(m_topics.CreditTopic(SenderTag(sender)), credit);
 }
 
 void MqttTransport::Receive(const mosquitto_message& message,
@@ -353,9 +471,10 @@ void MqttTransport::Receive(const mosquitto_message& message,
   if (numbered) {
     std::unique_lock lock(m_arrivalsMutex);
     const SequenceTracker::Verdict verdict = m_arrivals.Arrived(numbered->first, numbered->second);
-    lock.unlock();
     if (!verdict.deliver)
       return;
+    ++m_consumption[numbered->first].queued;
+    lock.unlock();
     if (verdict.lost > 0) {
       Diagnose("KelBus: " + std::to_string(verdict.lost) + " message(s) from sender " +
                SenderTag(numbered->first) + " to application '" + m_app + "' were lost");
@@ -363,8 +482,9 @@ void MqttTransport::Receive(const mosquitto_message& message,
   }
   char* type = nullptr;
   mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
+  const Origin origin = numbered ? Origin{numbered->first, numbered->second} : Origin();
   m_inbox.Message(type != nullptr ? type : "", message.payload,
-                  static_cast<std::size_t>(message.payloadlen));
+                  static_cast<std::size_t>(message.payloadlen), origin);
   std::free(type);
 }
 
@@ -382,6 +502,7 @@ void MqttTransport::Report(const ProcessRecord& departure) {
 }
 
 void MqttTransport::OnStateChanged() {
+  m_targets.Wake();
   m_inbox.Wake();
 }
 

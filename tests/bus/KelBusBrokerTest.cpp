@@ -199,15 +199,38 @@ TEST_F(KelBusBroker, RepeatsAreDroppedAndGapsAndForgeriesReported) {
   EXPECT_NE(lines[1].find("'00000000000000AB:5' is malformed"), std::string::npos) << lines[1];
 }
 
-TEST_F(KelBusBroker, SendRequestWaitsWhileTheBrokerHoldsBackItsAcknowledgements) {
+// The holder's credit window: a sender to a holder that does not dispatch
+// stops at the window, and goes on once the holder waits.
+TEST_F(KelBusBroker, ASenderWaitsUntilItsReceiverDispatches) {
   Member sink("sink");
+  ASSERT_EQ(CollectMessages(sink.Id()), KELBUS_OK);
   Member source;
+  const std::string block(64 * 1024, 'b');
+  const int window = KELBUS_RECEIVE_WINDOW_BYTES / static_cast<int>(block.size());
+  std::atomic<int> sent{0};
+  std::thread sender([&] {
+    while (sent < 2 * window && Send(source.Id(), "sink", "T", block) == KELBUS_OK)
+      ++sent;
+  });
+  for (int before = -1; before != sent;) {  // until the sender stops
+    before = sent;
+    std::this_thread::sleep_for(500ms);
+  }
+  EXPECT_LE(sent, window);
+  ASSERT_TRUE(Await(static_cast<std::size_t>(2 * window)));
+  sender.join();
+  EXPECT_EQ(sent, 2 * window);
+}
+
+TEST_F(KelBusBroker, SendRequestWaitsWhileTheBrokerHoldsBackItsAcknowledgements) {
+  Member source;  // to a name nobody holds: no credit window
   const std::string block(64 * 1024, 'b');
   constexpr int kMessages = 200;
   std::atomic<int> sent{0};
+  ASSERT_EQ(Send(source.Id(), "unheld", "T", ""), KELBUS_OK);  // learns nobody holds it
   m_broker.Signal(SIGSTOP);
   std::thread sender([&] {
-    while (sent < kMessages && Send(source.Id(), "sink", "T", block) == KELBUS_OK)
+    while (sent < kMessages && Send(source.Id(), "unheld", "T", block) == KELBUS_OK)
       ++sent;
   });
   std::this_thread::sleep_for(1500ms);

@@ -231,6 +231,23 @@ TEST_P(KelBusContract, AnyNameCarriesMessagesAndIsFreeAgainOnceItsHolderLeaves) 
   EXPECT_EQ(escaped.Result(), KELBUS_OK);
 }
 
+// A message to an application whose holder left fails; once somebody holds
+// it again (and has told the sender so by a message), it goes.
+TEST_P(KelBusContract, SendingToAnApplicationThatLeftFailsUntilItIsHeldAgain) {
+  Member sender("sender");
+  ASSERT_EQ(CollectMessages(sender.Id()), KELBUS_OK);
+  { Member gone("gone"); }
+  EXPECT_EQ(Send(sender.Id(), "gone", "T", "lost"), KELBUS_ERR_GONE);
+  EXPECT_STREQ(KelBusLastError(), "application 'gone' has left the bus");
+  Member back("gone");
+  ASSERT_EQ(CollectMessages(back.Id()), KELBUS_OK);
+  ASSERT_EQ(Send(back.Id(), "sender", "T", "back"), KELBUS_OK);
+  ASSERT_TRUE(Await(1));
+  ASSERT_EQ(Send(sender.Id(), "gone", "T", "welcome"), KELBUS_OK);
+  ASSERT_TRUE(Await(2));
+  EXPECT_EQ(Received().messages[1].bytes, "welcome");
+}
+
 TEST_P(KelBusContract, DeparturesOfHoldersReachTheWatchersOfTheMoment) {
   Member watcher("watcher");
   ASSERT_EQ(CollectMessages(watcher.Id()), KELBUS_OK);

@@ -139,13 +139,19 @@ enum KelBusResult {
   // value changed.
   KELBUS_ERR_TIMEOUT = -11,
   // Any other failure of the network or the broker; see KelBusLastError.
-  KELBUS_ERR_TRANSPORT = -12
+  KELBUS_ERR_TRANSPORT = -12,
+  // SendRequest: the target application has left the bus (its holder closed
+  // its communicator, exited or died) and nobody holds it again.
+  KELBUS_ERR_GONE = -13
 };
 
 enum {
   // Bytes of unacknowledged messages per communicator above which SendRequest
   // waits.
   KELBUS_SEND_WINDOW_BYTES = 4 * 1024 * 1024,
+  // Bytes of messages from one communicator that the holder of an
+  // application has not dispatched yet, above which SendRequest waits.
+  KELBUS_RECEIVE_WINDOW_BYTES = 8 * 1024 * 1024,
   // Time limit for reaching the broker when a communicator is registered or
   // declares an application.
   KELBUS_CONNECT_SECONDS = 5,
