@@ -162,7 +162,8 @@ bool PrivateBroker::Start() {
   return false;
 }
 
-// The project's configuration with its listener moved to our address and port.
+// The project's configuration with its listener moved to our address and
+// port, and its persistent state in the state directory.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
@@ -175,5 +176,8 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
     }
     derived << line << '\n';
   }
+  const std::string state =
+      m_settings.stateDirectory.empty() ? m_directory : m_settings.stateDirectory;
+  derived << "persistence_location " << state << "/\n";
   return static_cast<bool>(derived);
 }

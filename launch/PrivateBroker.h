@@ -30,6 +30,9 @@ class PrivateBroker {
     std::string configuration;          // the project's configuration file
     std::string address = "127.0.0.1";  // IPv4 address to listen on
     std::string program = MosquittoProgram();
+    // Where the broker keeps its persistent state; empty: the broker's
+    // private directory, which goes with the object.
+    std::string stateDirectory{};
   };
 
   // Starts the broker on `port` and waits until it listens on it, at

@@ -47,4 +47,5 @@ std::string TestBroker::Url(const std::string& nameSpace) const {
 
 void TestBroker::ExportUrl(const std::string& nameSpace) const {
   setenv("KELBUS_URL", Url(nameSpace).c_str(), 1);
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", "0", 1);
 }

@@ -26,7 +26,8 @@ class TestBroker {
   int Port() const { return m_broker->Port(); }
   // mqtt://127.0.0.1:<port>/<nameSpace>
   std::string Url(const std::string& nameSpace = "kelbus") const;
-  // Sets KELBUS_URL to Url(nameSpace).
+  // Sets KELBUS_URL to Url(nameSpace), and KELBUS_DEPARTURE_DELAY_SECONDS
+  // to 0: tests kill processes and expect to hear of it at once.
   void ExportUrl(const std::string& nameSpace = "kelbus") const;
   // What the broker wrote (errors and warnings).
   std::string Log() const { return m_broker->Log(); }

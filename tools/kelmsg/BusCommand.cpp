@@ -34,6 +34,7 @@ struct BusOptions {
   std::string address = "127.0.0.1";
   std::string configuration;
   std::string program = MosquittoProgram();
+  std::string stateDirectory;
 };
 
 // Beside the program, as installed and as built: bin/kelmsg and
@@ -79,6 +80,7 @@ void Bus(const BusOptions& options) {
   settings.configuration =
       options.configuration.empty() ? InstalledConfiguration() : options.configuration;
   settings.address = options.address;
+  settings.stateDirectory = options.stateDirectory;
   if (access(settings.configuration.c_str(), R_OK) != 0) {
     throw CommandFailure("cannot read the broker configuration " + settings.configuration);
   }
@@ -120,6 +122,12 @@ void AddBusCommand(CLI::App& app) {
       ->add_option("--config", options->configuration,
                    "broker configuration (default: the installed kelbus-mosquitto.conf)")
       ->type_name("FILE");
+  command
+      ->add_option("--state", options->stateDirectory,
+                   "directory that keeps queued messages across broker restarts (default: a "
+                   "private one, removed when the broker stops)")
+      ->check(CLI::ExistingDirectory)
+      ->type_name("DIR");
   command->add_option("--mosquitto", options->program, "the broker program")
       ->capture_default_str()
       ->type_name("PROGRAM");
