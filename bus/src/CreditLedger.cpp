@@ -43,11 +43,15 @@ void CreditLedger::Sent(std::string_view app, std::size_t cost) {
   }
 }
 
-void CreditLedger::AwaitProbe(std::string_view app, std::uint64_t probe, Clock::time_point deadline,
+void CreditLedger::ExpectProbe(std::string_view app, std::uint64_t probe) {
+  std::lock_guard lock(m_mutex);
+  m_targets.find(app)->second.probe = probe;
+}
+
+void CreditLedger::AwaitProbe(std::string_view app, Clock::time_point deadline,
                               const std::function<bool()>& abandon) {
   std::unique_lock lock(m_mutex);
-  Target& target = m_targets.find(app)->second;
-  target.probe = probe;
+  const Target& target = m_targets.find(app)->second;
   m_changed.wait_until(lock, deadline, [&] { return target.probed || abandon(); });
 }
 

@@ -50,9 +50,13 @@ class CreditLedger {
   // The message NextSequence numbered went to `app`.
   void Sent(std::string_view app, std::size_t cost);
 
-  // `probe` marks where the retained presence record of `app` ends; waits
-  // until it comes back, at most until `deadline` or `abandon` holds.
-  void AwaitProbe(std::string_view app, std::uint64_t probe, Clock::time_point deadline,
+  // The probe record of claim `probe` marks where the retained presence
+  // record of `app` ends.  Called before the probe is published: it may
+  // come back before the publishing call returns.
+  void ExpectProbe(std::string_view app, std::uint64_t probe);
+  // Waits until the expected probe has come back, at most until `deadline`
+  // or `abandon` holds.
+  void AwaitProbe(std::string_view app, Clock::time_point deadline,
                   const std::function<bool()>& abandon);
 
   // From the network: a presence, departure or probe record on the presence

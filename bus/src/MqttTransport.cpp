@@ -297,9 +297,10 @@ void MqttTransport::LearnPresence(std::string_view app) {
   // before the probe.
   const auto deadline = Clock::now() + kConnectLimit;
   const std::string payload = probe.Encode();
+  m_targets.ExpectProbe(app, probe.claim);
   if (m_link->Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline) ==
       KELBUS_OK) {
-    m_targets.AwaitProbe(app, probe.claim, deadline, [this] {
+    m_targets.AwaitProbe(app, deadline, [this] {
       return SendingStops() || m_link->CurrentState() != MqttLink::State::kUp;
     });
   }
