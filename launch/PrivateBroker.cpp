@@ -163,7 +163,8 @@ bool PrivateBroker::Start() {
 }
 
 // The project's configuration with its listener moved to our address and
-// port, and secured as the settings ask.
+// port, secured as the settings ask, and its persistent state in the state
+// directory.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
@@ -185,5 +186,8 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
     }
     derived << line << '\n';
   }
+  const std::string state =
+      m_settings.stateDirectory.empty() ? m_directory : m_settings.stateDirectory;
+  derived << "persistence_location " << state << "/\n";
   return static_cast<bool>(derived);
 }

@@ -35,6 +35,9 @@ class PrivateBroker {
     std::string certificateFile{}, keyFile{};
     // When set, only the users of this mosquitto password_file may connect.
     std::string passwordFile{};
+    // Where the broker keeps its persistent state; empty: the broker's
+    // private directory, which goes with the object.
+    std::string stateDirectory{};
   };
 
   // Starts the broker on `port` and waits until it listens on it, at

@@ -50,21 +50,31 @@ std::string BusTopics::PresenceFilter() const {
   return m_presencePrefix + "+";
 }
 
+std::string BusTopics::CreditTopic(std::string_view senderTag) const {
+  return m_communicatorPrefix + std::string(senderTag);
+}
+
 std::string BusTopics::HolderClientId(std::string_view app) const {
   return MessageTopic(app);
 }
 
 std::string BusTopics::CommunicatorClientId(std::string_view label, std::string_view host, int pid,
-                                            int communicator) const {
+                                            int communicator, std::string_view instance) const {
   std::string id = m_communicatorPrefix;
   AppendEscapedLevel(host, &id);
   id += "/" + std::to_string(pid) + "/" + std::to_string(communicator) + "/";
+  id += instance;
+  id += "/";
   AppendEscapedLevel(label, &id);
   return id;
 }
 
 bool BusTopics::IsMessageTopic(std::string_view topic) const {
   return topic.starts_with(m_messagePrefix);
+}
+
+bool BusTopics::IsCreditTopic(std::string_view topic) const {
+  return topic.starts_with(m_communicatorPrefix);
 }
 
 bool BusTopics::IsPresenceTopic(std::string_view topic) const {

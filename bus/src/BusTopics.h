@@ -3,6 +3,7 @@
 //
 //   <ns>/a/<app>   messages to the application <app>
 //   <ns>/p/<app>   presence and departure records of its holder
+//   <ns>/c/<tag>   credits for the sender whose identifier is <tag>
 //
 // <app> is the application name percent-encoded into one topic level.  The
 // client identifier of an application's holder is its message topic, so the
@@ -30,13 +31,16 @@ class BusTopics {
   std::string PresenceTopic(std::string_view app) const;
   // Matches the presence topics of every application.
   std::string PresenceFilter() const;
+  std::string CreditTopic(std::string_view senderTag) const;
   std::string HolderClientId(std::string_view app) const;
-  // The client identifier of a communicator that holds no application.
+  // The client identifier of a communicator that holds no application;
+  // `instance` sets it apart from any other, even of a recycled process id.
   std::string CommunicatorClientId(std::string_view label, std::string_view host, int pid,
-                                   int communicator) const;
+                                   int communicator, std::string_view instance) const;
 
   bool IsMessageTopic(std::string_view topic) const;
   bool IsPresenceTopic(std::string_view topic) const;
+  bool IsCreditTopic(std::string_view topic) const;
 
  private:
   std::string m_messagePrefix;

@@ -30,6 +30,7 @@ class Communicator {
   KelBusResult SetDisconnectReceiver(KelBusDisconnectCallback receiver);
   KelBusDisconnectCallback DisconnectReceiver() const { return m_disconnectReceiver; }
 
+  void Consumed(const ReceivedMessage& message) { m_transport->Consumed(message); }
   bool NameLost() const { return m_transport->NameLost(); }
   void Close();
   void AbandonAfterFork() { m_transport->AbandonAfterFork(); }

@@ -17,9 +17,18 @@
 
 namespace kelbus {
 
+// Where a message came from, for the sender's credit window: its sender
+// identifier (0: a sender that does not number its messages) and sequence
+// number.
+struct Origin {
+  std::uint64_t sender = 0;
+  std::uint64_t sequence = 0;
+};
+
 struct ReceivedMessage {
   std::string type;
   std::vector<unsigned char> bytes;
+  Origin origin;
 };
 
 struct Departure {
@@ -70,7 +79,8 @@ class Inbox {
  public:
   Inbox(DispatchQueue& queue, int communicator) : m_queue(&queue), m_communicator(communicator) {}
 
-  void Message(std::string_view type, const void* bytes, std::size_t size) const;
+  void Message(std::string_view type, const void* bytes, std::size_t size,
+               Origin origin = {}) const;
   void Departed(Departure departure) const;
   // The communicator's state changed (connection, name).
   void Wake() const { m_queue->Wake(); }

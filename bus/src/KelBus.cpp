@@ -45,6 +45,7 @@ void Dispatch(BusState& bus, const Delivery& delivery) {
       const unsigned char* bytes = message->bytes.empty() ? kNoBytes : message->bytes.data();
       receive(message->type.c_str(), bytes, static_cast<int>(message->bytes.size()));
     }
+    communicator->Consumed(*message);
   } else if (const auto* departure = std::get_if<Departure>(&delivery.content)) {
     if (const KelBusDisconnectCallback disconnect = communicator->DisconnectReceiver()) {
       disconnect(departure->pid, departure->app.c_str(), departure->host.c_str(),

@@ -26,9 +26,9 @@ class LocalHub {
   static LocalHub& Current();
 
   KelBusResult Claim(LocalTransport& claimant, const std::string& app, bool takeOver);
-  // Copies the message into the holder's inbox; drops it when nobody holds
-  // `target`.
-  void Deliver(std::string_view target, const char* type, const void* bytes, int size);
+  // Copies the message into the holder's inbox; drops it when nobody ever
+  // held `target`, and refuses it when its holder left.
+  KelBusResult Deliver(std::string_view target, const char* type, const void* bytes, int size);
   void Watch(LocalTransport& watcher, bool on);
   // `member` leaves: gives its application up and reports its departure.
   void Leave(LocalTransport& member);
@@ -43,6 +43,7 @@ class LocalHub {
   [[maybe_unused]] LocalHub* const m_inherited;
   std::mutex m_mutex;
   std::map<std::string, LocalTransport*, std::less<>> m_holders;
+  std::set<std::string, std::less<>> m_left;  // held once, by nobody now
   std::set<LocalTransport*> m_watchers;
 };
 
@@ -57,9 +58,11 @@ class LocalTransport final : public Transport {
   }
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                     int size) override {
-    m_hub.Deliver(target, type, bytes, size);
-    return KELBUS_OK;
+    return m_hub.Deliver(target, type, bytes, size);
   }
+  // The sender and the holder share the dispatch queue and its memory, so
+  // no window stands between them.
+  void Consumed(const ReceivedMessage&) override {}
   KelBusResult WatchDepartures(bool on) override {
     m_hub.Watch(*this, on);
     return KELBUS_OK;
@@ -113,15 +116,20 @@ KelBusResult LocalHub::Claim(LocalTransport& claimant, const std::string& app, b
   }
   claimant.m_self.app = app;
   m_holders[app] = &claimant;
+  m_left.erase(app);
   return KELBUS_OK;
 }
 
-void LocalHub::Deliver(std::string_view target, const char* type, const void* bytes, int size) {
+KelBusResult LocalHub::Deliver(std::string_view target, const char* type, const void* bytes,
+                               int size) {
   std::lock_guard lock(m_mutex);
   const auto holder = m_holders.find(target);
   if (holder != m_holders.end()) {
     holder->second->m_inbox.Message(type, bytes, static_cast<std::size_t>(size));
+  } else if (m_left.contains(target)) {
+    return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
   }
+  return KELBUS_OK;
 }
 
 void LocalHub::Watch(LocalTransport& watcher, bool on) {
@@ -138,6 +146,7 @@ void LocalHub::Leave(LocalTransport& member) {
   m_watchers.erase(&member);
   const auto held = m_holders.find(member.m_self.app);
   if (held != m_holders.end() && held->second == &member) {
+    m_left.insert(held->first);
     m_holders.erase(held);
     ReportDeparture(member);
   }

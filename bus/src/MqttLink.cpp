@@ -61,6 +61,14 @@ KelBusResult FailFromMosquitto(int mosquittoResult, KelBusResult otherwise,
   }
 }
 
+Properties IntervalProperty(int identifier, std::chrono::seconds interval) {
+  mosquitto_property* properties = nullptr;
+  // Fails only when memory runs out, and then the broker's default applies.
+  mosquitto_property_add_int32(&properties, identifier,
+                               static_cast<std::uint32_t>(interval.count()));
+  return Properties(properties);
+}
+
 MqttLink::MqttLink(const BusAddress& address, std::string clientId, Listener& listener)
     : m_address(address),
       m_clientId(std::move(clientId)),
@@ -73,9 +81,14 @@ MqttLink::~MqttLink() {
   Close(false);
 }
 
-void MqttLink::SetWill(std::string topic, std::string payload) {
+void MqttLink::SetLastingSession(std::chrono::seconds expiry) {
+  m_sessionExpiry = expiry;
+}
+
+void MqttLink::SetWill(std::string topic, std::string payload, std::chrono::seconds delay) {
   m_willTopic = std::move(topic);
   m_willPayload = std::move(payload);
+  m_willDelay = delay;
 }
 
 void MqttLink::SetBirth(std::string topic, std::string payload) {
@@ -107,7 +120,7 @@ KelBusResult MqttLink::Configure() {
   if (m_wakeup.Descriptor() < 0)
     return Fail(KELBUS_ERR_TRANSPORT,
                 std::string("cannot create an eventfd: ") + std::strerror(errno));
-  m_mosq = mosquitto_new(m_clientId.empty() ? nullptr : m_clientId.c_str(), true, this);
+  m_mosq = mosquitto_new(m_clientId.empty() ? nullptr : m_clientId.c_str(), !m_sessionExpiry, this);
   if (m_mosq == nullptr)
     return Fail(KELBUS_ERR_TRANSPORT, "cannot create an MQTT client");
   mosquitto_int_option(m_mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
@@ -126,20 +139,31 @@ KelBusResult MqttLink::Configure() {
     mosquitto_username_pw_set(m_mosq, m_address.user.c_str(), password);
   }
   if (!m_willTopic.empty()) {
+    Properties delay = IntervalProperty(MQTT_PROP_WILL_DELAY_INTERVAL, m_willDelay);
     const int result =
         mosquitto_will_set_v5(m_mosq, m_willTopic.c_str(), static_cast<int>(m_willPayload.size()),
-                              m_willPayload.data(), kQos, true, nullptr);
+                              m_willPayload.data(), kQos, true, delay.get());
     if (result != MOSQ_ERR_SUCCESS)
       return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT, "cannot set the departure record");
+    delay.release();  // the library owns it now
   }
   return KELBUS_OK;
+}
+
+int MqttLink::StartConnecting() {
+  if (!m_sessionExpiry) {
+    return mosquitto_connect_bind_async(m_mosq, m_address.host.c_str(), m_address.port,
+                                        KELBUS_KEEPALIVE_SECONDS, nullptr);
+  }
+  const Properties expiry = IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, *m_sessionExpiry);
+  return mosquitto_connect_bind_v5(m_mosq, m_address.host.c_str(), m_address.port,
+                                   KELBUS_KEEPALIVE_SECONDS, nullptr, expiry.get());
 }
 
 KelBusResult MqttLink::Open(Clock::time_point deadline) {
   if (const KelBusResult result = Configure(); result != KELBUS_OK)
     return result;
-  const int started = mosquitto_connect_bind_async(m_mosq, m_address.host.c_str(), m_address.port,
-                                                   KELBUS_KEEPALIVE_SECONDS, nullptr);
+  const int started = StartConnecting();
   if (started != MOSQ_ERR_SUCCESS) {
     const KelBusResult result =
         FailFromMosquitto(started, KELBUS_ERR_UNREACHABLE, "cannot connect");
@@ -183,24 +207,38 @@ KelBusResult MqttLink::Drain(Clock::time_point deadline) {
 }
 
 KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int size,
-                               const mosquitto_property* properties) {
+                               const mosquitto_property* properties, Clock::time_point deadline) {
   const std::size_t cost = static_cast<std::size_t>(size) + topic.size() + kMessageOverhead;
   std::unique_lock lock(m_mutex);
-  m_changed.wait(lock, [&] {
-    return m_state != State::kUp || m_window.HasRoomFor(cost, KELBUS_SEND_WINDOW_BYTES);
+  const auto usable = [this] { return m_state == State::kUp || m_state == State::kDown; };
+  const bool room = m_changed.wait_until(lock, deadline, [&] {
+    return !usable() || m_window.HasRoomFor(cost, KELBUS_SEND_WINDOW_BYTES);
   });
-  if (m_state != State::kUp) {
-    return Fail(KELBUS_ERR_DISCONNECTED,
-                "the connection to " + m_address.Describe() + " is down; the message was not sent");
+  if (!usable()) {
+    return Fail(KELBUS_ERR_DISCONNECTED, "the connection to " + m_address.Describe() +
+                                             " is closed; the message was not sent");
   }
-  return PublishLocked(topic, bytes, size, properties, false);
+  if (!room) {
+    return Fail(KELBUS_ERR_TIMEOUT, "the broker at " + m_address.Describe() +
+                                        " did not take the messages before it in time");
+  }
+  return PublishLocked(topic, bytes, size, properties, Publication::kCounted);
+}
+
+void MqttLink::PublishControl(const std::string& topic, const std::string& payload) {
+  std::lock_guard lock(m_mutex);
+  if (m_state == State::kUp || m_state == State::kDown) {
+    PublishLocked(topic, payload.data(), static_cast<int>(payload.size()), nullptr,
+                  Publication::kControl);
+  }
 }
 
 KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes, int size,
-                                     const mosquitto_property* properties, bool retain) {
+                                     const mosquitto_property* properties,
+                                     Publication publication) {
   int mid = 0;
-  const int result =
-      mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos, retain, properties);
+  const int result = mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos,
+                                          publication == Publication::kRetained, properties);
   m_wakeup.Raise();
   // NO_CONN: the connection broke before the link's thread noticed.  The
   // library keeps a QoS 1 message queued all the same and sends it once the
@@ -209,7 +247,8 @@ KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes
     return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT,
                              "cannot send a message of " + std::to_string(size) + " bytes");
   }
-  m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
+  if (publication != Publication::kControl)
+    m_window.Add(mid, static_cast<std::size_t>(size) + topic.size() + kMessageOverhead);
   return KELBUS_OK;
 }
 
@@ -228,7 +267,13 @@ void MqttLink::Close(bool withWill) {
     // the closed socket for a broken connection.
     m_stopping = true;
     if (up) {
-      mosquitto_disconnect_v5(m_mosq, withWill ? MQTT_RC_DISCONNECT_WITH_WILL_MSG : 0, nullptr);
+      if (withWill && !m_willTopic.empty()) {
+        PublishLocked(m_willTopic, m_willPayload.data(), static_cast<int>(m_willPayload.size()),
+                      nullptr, Publication::kRetained);
+      }
+      const Properties endSession =
+          m_sessionExpiry ? IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, {}) : nullptr;
+      mosquitto_disconnect_v5(m_mosq, 0, endSession.get());
     }
     m_wakeup.Raise();
   }
@@ -304,9 +349,8 @@ bool MqttLink::ConnectionBroke(int loopResult) {
   bool restore = false;
   {
     std::lock_guard lock(m_mutex);
-    // Messages in flight are sent again by the library after reconnecting;
-    // they no longer count against the window.
-    m_window.Clear();
+    // Messages in flight stay in the window: the library sends them again
+    // after reconnecting, and their acknowledgements empty it.
     m_awaitedSubscriptions.clear();
     wasUp = m_state == State::kUp;
     restore = m_everUp;
@@ -367,7 +411,7 @@ void MqttLink::Connected(int reason) {
       SubscribeLocked(subscription);
     if (!m_birthTopic.empty()) {
       PublishLocked(m_birthTopic, m_birthPayload.data(), static_cast<int>(m_birthPayload.size()),
-                    nullptr, true);
+                    nullptr, Publication::kRetained);
     }
     SetStateLocked(State::kUp);
   }

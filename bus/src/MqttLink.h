@@ -7,10 +7,16 @@
 // asks its reconnect guard first: a guard may postpone the attempt or give
 // the connection up for good.  After every connect it renews its
 // subscriptions and publishes its birth message; the broker publishes its
-// will when the connection breaks or is closed with will.
+// will when the connection breaks (after the will's delay) or is closed with
+// will.
 //
-// Threads: the set-up calls (SetWill, SetBirth, SetReconnectGuard) come
-// before Open, on one thread.  Everything else may be called from any
+// A link with a lasting session keeps it on the broker across broken
+// connections: the broker queues what arrives meanwhile, and what was in
+// flight goes again, under the same packet identifiers, once the connection
+// is back.  Closing the link ends its session.
+//
+// Threads: the set-up calls (SetLastingSession, SetWill, SetBirth,
+// SetReconnectGuard) come before Open, on one thread.  Everything else may be called from any
 // thread but the link's own; the listener and the guard run on the link's
 // thread.
 #ifndef KELBUS_SRC_MQTTLINK_H_
@@ -22,6 +28,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -42,6 +49,17 @@ namespace kelbus {
 // means something to the bus's caller.
 KelBusResult FailFromMosquitto(int mosquittoResult, KelBusResult otherwise,
                                const std::string& doing);
+
+// An owned list of MQTT 5 properties (null: none).
+struct PropertiesDeleter {
+  void operator()(mosquitto_property* properties) const {
+    mosquitto_property_free_all(&properties);
+  }
+};
+using Properties = std::unique_ptr<mosquitto_property, PropertiesDeleter>;
+
+// A list of one interval property (session expiry, will delay), in seconds.
+Properties IntervalProperty(int identifier, std::chrono::seconds interval);
 
 class MqttLink {
  public:
@@ -76,8 +94,12 @@ class MqttLink {
   MqttLink(const MqttLink&) = delete;
   MqttLink& operator=(const MqttLink&) = delete;
 
-  // Both retained, QoS 1.
-  void SetWill(std::string topic, std::string payload);
+  // Without it the session ends with the connection.  `expiry` is how long
+  // the broker keeps it while the connection is down.
+  void SetLastingSession(std::chrono::seconds expiry);
+  // Both retained, QoS 1; the broker holds the will back for `delay` after
+  // the connection broke.
+  void SetWill(std::string topic, std::string payload, std::chrono::seconds delay);
   void SetBirth(std::string topic, std::string payload);
   void SetReconnectGuard(std::function<Verdict()> guard);
 
@@ -96,11 +118,18 @@ class MqttLink {
   // the broker sent it so far: renews a subscription, whose acknowledgement
   // comes after them.
   KelBusResult Drain(Clock::time_point deadline);
-  // Publishes at QoS 1, not retained, once the send window has room.
+  // Publishes at QoS 1, not retained, once the send window has room, also
+  // while the connection is being restored: what the window holds goes out
+  // once it is back.  Gives up at `deadline` (KELBUS_ERR_TIMEOUT).
   KelBusResult Publish(const std::string& topic, const void* bytes, int size,
-                       const mosquitto_property* properties);
-  // Disconnects (reason 0x04, so that the broker publishes the will, when
-  // `withWill`) and stops the thread.  Idempotent.
+                       const mosquitto_property* properties, Clock::time_point deadline);
+  // Publishes a small message at QoS 1, not retained, at once and outside
+  // the send window, also while the connection is being restored.
+  void PublishControl(const std::string& topic, const std::string& payload);
+  // Disconnects, ending the session, and stops the thread.  With
+  // `withWill` the link publishes its will itself first: the broker would
+  // hold it back for the will's delay even though the session ends.
+  // Idempotent.
   void Close(bool withWill);
   // In a forked child: closes the inherited socket; nothing else is touched.
   void AbandonAfterFork();
@@ -124,6 +153,10 @@ class MqttLink {
                             const mosquitto_property* properties);
 
   KelBusResult Configure();
+  // Starts the first connection; a lasting session needs its expiry in the
+  // CONNECT, which libmosquitto sends only from a connect that waits for the
+  // TCP handshake.
+  int StartConnecting();
   void Run();
   // One round of the network thread: waits up to `timeoutMs` for the socket
   // or a wake-up, then reads, writes and keeps the connection alive.
@@ -136,14 +169,17 @@ class MqttLink {
   bool StartReconnecting();
   void Connected(int reason);
   void SubscribeLocked(const Subscription& subscription);
+  enum class Publication { kCounted, kRetained, kControl };
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
-                             const mosquitto_property* properties, bool retain);
+                             const mosquitto_property* properties, Publication publication);
   void SetStateLocked(State state);
 
   const BusAddress m_address;
   const std::string m_clientId;
   Listener& m_listener;
+  std::optional<std::chrono::seconds> m_sessionExpiry;  // none: ephemeral
   std::string m_willTopic, m_willPayload;
+  std::chrono::seconds m_willDelay{0};
   std::string m_birthTopic, m_birthPayload;
   std::function<Verdict()> m_guard;
 

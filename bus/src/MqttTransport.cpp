@@ -1,10 +1,12 @@
 // The bus over an MQTT 5 broker (see KelBus.h for the mapping).
 //
 // A communicator starts on a link under a client identifier of its own.
-// Claiming an application opens a second link under the application's
-// client identifier, with the departure record as will and the presence
-// record as birth message, and retires the first link once everything sent
-// on it has reached the broker, so that order holds across the switch.
+// Claiming an application ends the session its former holder left on the
+// broker, opens a second link under the application's client identifier,
+// with the departure record as will and the presence record as birth
+// message, and retires the first link once everything sent on it has reached
+// the broker, so that order holds across the switch.  Both links keep their
+// sessions across broken connections.
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
@@ -14,17 +16,23 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
+#include "BusSettings.h"
 #include "BusTopics.h"
+#include "CreditLedger.h"
 #include "Diagnostics.h"
 #include "LastError.h"
 #include "MqttLink.h"
 #include "PresenceReader.h"
 #include "ProcessRecord.h"
+#include "SequenceTracker.h"
 #include "Transport.h"
 
 namespace kelbus {
@@ -37,6 +45,10 @@ constexpr std::chrono::seconds kConnectLimit{KELBUS_CONNECT_SECONDS};
 constexpr std::chrono::seconds kGuardLimit{2};
 // The same departure record arriving again this soon is the same event.
 constexpr std::chrono::seconds kRepeatedReportWindow{2};
+// What a message costs in a credit window beyond its bytes and type.
+constexpr std::size_t kMessageOverhead = 64;
+// Senders whose sequence numbers a holder remembers.
+constexpr std::size_t kRememberedSenders = 4096;
 
 std::string Holder(const ProcessRecord& record) {
   return "process " + std::to_string(record.pid) + " of user " + record.user + " on host " +
@@ -61,38 +73,64 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   void AbandonAfterFork() override;
 
  private:
-  struct PropertiesDeleter {
-    void operator()(mosquitto_property* properties) const {
-      mosquitto_property_free_all(&properties);
-    }
-  };
-  using Properties = std::unique_ptr<mosquitto_property, PropertiesDeleter>;
-
   // MqttLink::Listener, on the links' threads.
   void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
   void OnStateChanged() override;
 
+  // Ends the session that the name's former holder left on the broker, so
+  // that nothing queued for it reaches this holder, and publishes
+  // `presence` before a `displaced` holder could reconnect.  The broker
+  // publishes no will for a session that a new connection ends, so the
+  // displaced holder's departure is published here.
+  KelBusResult EndFormerSession(const ProcessRecord& presence,
+                                const std::optional<ProcessRecord>& displaced,
+                                Clock::time_point deadline);
   std::unique_ptr<MqttLink> NewHolderLink(const ProcessRecord& presence);
   // The reconnect guard of the holder's link.
   MqttLink::Verdict CheckNameStillOurs(const std::string& app, std::uint64_t claim) const;
-  // Sets the content type for `type` unless it is the last one used.
-  KelBusResult PrepareType(const char* type);
+  // The type as content type and the sender's sequence number.
+  static KelBusResult LabelMessage(const char* type, const std::string& sequenceLabel,
+                                   Properties* properties);
+  // A message for the held application: dropped when delivered before,
+  // reported when messages before it never came.
+  void Receive(const mosquitto_message& message, const mosquitto_property* properties);
   void Report(const ProcessRecord& departure);
+  // The presence record of `app` comes in from now on; waits for the
+  // retained one while the connection is up.
+  void LearnPresence(std::string_view app);
+  void Consumed(const ReceivedMessage& message) override;
+  // A credit from a holder: its claim and the last sequence number it
+  // dispatched, 8 bytes each, little-endian.
+  void TakeCredit(const void* payload, std::size_t size);
+  // Whether a blocked send should stop waiting.
+  bool SendingStops() const;
 
   const BusAddress m_address;
   const BusTopics m_topics;
   const Inbox m_inbox;
   const ProcessRecord m_process;
+  const BusSettings m_settings;
   std::atomic<bool> m_watching{false};
 
   // Serialises the operations that use the link (claim, send, watch, close).
   std::mutex m_operationMutex;
   bool m_claimed = false;
   bool m_closed = false;
-  std::string m_lastTarget, m_targetTopic;
-  std::string m_lastType;
-  bool m_typePrepared = false;
-  Properties m_typeProperties;  // null for the empty type name
+  // The topic of every application sent to, and the last sequence number.
+  const std::uint64_t m_senderId = RandomClaim();
+  CreditLedger m_targets{KELBUS_RECEIVE_WINDOW_BYTES};
+  std::atomic<bool> m_closing{false};
+  std::string m_app;          // set before the holder link opens
+  std::uint64_t m_claim = 0;  // likewise
+
+  // What the holder received and has yet to report dispatched, per sender.
+  struct Consumption {
+    std::size_t queued = 0;      // messages in the dispatch queue
+    std::size_t uncredited = 0;  // bytes dispatched since the last report
+  };
+  std::mutex m_arrivalsMutex;
+  SequenceTracker m_arrivals{kRememberedSenders};
+  std::unordered_map<std::uint64_t, Consumption> m_consumption;
 
   // Guards the pointer, which a claim replaces, for NameLost.
   mutable std::mutex m_linkMutex;
@@ -105,7 +143,11 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
 };
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
-    : m_address(address), m_topics(address.nameSpace), m_inbox(inbox), m_process(ThisProcess()) {}
+    : m_address(address),
+      m_topics(address.nameSpace),
+      m_inbox(inbox),
+      m_process(ThisProcess()),
+      m_settings(BusSettingsFromEnvironment()) {}
 
 MqttTransport::~MqttTransport() {
   Close();
@@ -114,8 +156,11 @@ MqttTransport::~MqttTransport() {
 KelBusResult MqttTransport::Connect(const std::string& label) {
   auto link = std::make_unique<MqttLink>(
       m_address,
-      m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator()),
+      m_topics.CommunicatorClientId(label, m_process.host, m_process.pid, m_inbox.Communicator(),
+                                    SenderTag(m_senderId)),
       *this);
+  link->SetLastingSession(m_settings.sessionExpiry);
+  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
   m_link = std::move(link);
@@ -126,12 +171,17 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   ProcessRecord departure = presence;
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
-  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode());
+  link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(),
+                m_settings.departureDelay);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
   link->SetReconnectGuard([this, app = presence.app, claim = presence.claim] {
     return CheckNameStillOurs(app, claim);
   });
   link->Subscribe(m_topics.MessageTopic(presence.app), 0);
+  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
+  for (const std::string& target : m_targets.Applications())
+    link->Subscribe(m_topics.PresenceTopic(target), MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
   if (m_watching)
     link->Subscribe(m_topics.PresenceFilter(), MQTT_SUB_OPT_SEND_RETAIN_NEVER);
   return link;
@@ -140,20 +190,25 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
 KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   std::lock_guard operation(m_operationMutex);
   const auto deadline = Clock::now() + kConnectLimit;
-  if (!takeOver) {
-    const PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
-    if (reading.result != KELBUS_OK)
-      return reading.result;
-    if (reading.record && reading.record->kind == ProcessRecord::Kind::kPresent) {
-      return Fail(KELBUS_ERR_NAME_HELD,
-                  "application '" + app + "' is held by " + Holder(*reading.record));
-    }
+  PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  if (reading.result != KELBUS_OK)
+    return reading.result;
+  if (reading.record && reading.record->kind != ProcessRecord::Kind::kPresent)
+    reading.record.reset();
+  if (reading.record && !takeOver) {
+    return Fail(KELBUS_ERR_NAME_HELD,
+                "application '" + app + "' is held by " + Holder(*reading.record));
   }
   ProcessRecord presence = m_process;
   presence.app = app;
+  m_app = app;
   presence.claim = RandomClaim();
+  m_claim = presence.claim;
+  KelBusResult result = EndFormerSession(presence, reading.record, deadline);
+  if (result != KELBUS_OK)
+    return result;
   auto holder = NewHolderLink(presence);
-  KelBusResult result = holder->Open(deadline);
+  result = holder->Open(deadline);
   if (result == KELBUS_OK)
     result = holder->Settle(deadline);
   if (result != KELBUS_OK) {
@@ -175,6 +230,26 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   return KELBUS_OK;
 }
 
+KelBusResult MqttTransport::EndFormerSession(const ProcessRecord& presence,
+                                             const std::optional<ProcessRecord>& displaced,
+                                             Clock::time_point deadline) {
+  const std::string topic = m_topics.PresenceTopic(presence.app);
+  MqttLink link(m_address, m_topics.HolderClientId(presence.app), *this);
+  link.SetBirth(topic, presence.Encode());
+  KelBusResult result = link.Open(deadline);
+  if (result == KELBUS_OK && displaced) {
+    ProcessRecord departure = *displaced;
+    departure.kind = ProcessRecord::Kind::kDeparted;
+    const std::string payload = departure.Encode();
+    result =
+        link.Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline);
+  }
+  if (result == KELBUS_OK)
+    result = link.Settle(deadline);
+  link.Close(false);
+  return result;
+}
+
 MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
                                                     std::uint64_t claim) const {
   const PresenceReading reading =
@@ -188,37 +263,84 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
   return MqttLink::Verdict::kGiveUp;
 }
 
-KelBusResult MqttTransport::PrepareType(const char* type) {
-  if (m_typePrepared && m_lastType == type)
-    return KELBUS_OK;
-  m_typePrepared = false;
-  m_typeProperties.reset();
+KelBusResult MqttTransport::LabelMessage(const char* type, const std::string& sequenceLabel,
+                                         Properties* properties) {
+  mosquitto_property* list = nullptr;
   // An empty type name travels as no content type at all: libmosquitto
   // cannot copy an empty string property.
-  if (type[0] != '\0') {
-    mosquitto_property* properties = nullptr;
-    const int added = mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, type);
-    if (added != MOSQ_ERR_SUCCESS) {
-      mosquitto_property_free_all(&properties);
-      return FailFromMosquitto(added, KELBUS_ERR_INVALID, "cannot label the message with its type");
-    }
-    m_typeProperties.reset(properties);
+  int added = type[0] == '\0' ? MOSQ_ERR_SUCCESS
+                              : mosquitto_property_add_string(&list, MQTT_PROP_CONTENT_TYPE, type);
+  if (added == MOSQ_ERR_SUCCESS) {
+    added = mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kSequenceProperty,
+                                               sequenceLabel.c_str());
   }
-  m_lastType = type;
-  m_typePrepared = true;
+  properties->reset(list);
+  if (added != MOSQ_ERR_SUCCESS)
+    return FailFromMosquitto(added, KELBUS_ERR_INVALID, "cannot label the message with its type");
   return KELBUS_OK;
+}
+
+bool MqttTransport::SendingStops() const {
+  return m_closing || NameLost();
+}
+
+void MqttTransport::LearnPresence(std::string_view app) {
+  ProcessRecord probe;
+  probe.kind = ProcessRecord::Kind::kProbe;
+  probe.app = app;
+  probe.claim = RandomClaim();
+  const std::string topic = m_topics.PresenceTopic(app);
+  m_link->Subscribe(topic, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+  if (m_link->CurrentState() != MqttLink::State::kUp)
+    return;
+  // The broker queues the retained record at the subscription, so it comes
+  // before the probe.
+  const auto deadline = Clock::now() + kConnectLimit;
+  const std::string payload = probe.Encode();
+  m_targets.ExpectProbe(app, probe.claim);
+  if (m_link->Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline) ==
+      KELBUS_OK) {
+    m_targets.AwaitProbe(app, deadline, [this] {
+      return SendingStops() || m_link->CurrentState() != MqttLink::State::kUp;
+    });
+  }
 }
 
 KelBusResult MqttTransport::Send(std::string_view target, const char* type, const void* bytes,
                                  int size) {
   std::lock_guard operation(m_operationMutex);
-  if (const KelBusResult result = PrepareType(type); result != KELBUS_OK)
+  if (m_targets.Add(target))
+    LearnPresence(target);
+  Properties properties;
+  if (const KelBusResult result = LabelMessage(
+          type, SequenceLabel(m_senderId, m_targets.NextSequence(target)), &properties);
+      result != KELBUS_OK) {
     return result;
-  if (target != m_lastTarget || m_targetTopic.empty()) {
-    m_lastTarget.assign(target);
-    m_topics.MessageTopic(target, &m_targetTopic);
   }
-  return m_link->Publish(m_targetTopic, bytes, size, m_typeProperties.get());
+  const std::size_t cost = static_cast<std::size_t>(size) + std::strlen(type) + kMessageOverhead;
+  const auto deadline = Clock::now() + m_settings.sendTimeout;
+  const std::string timedOut = "gave up sending to '" + std::string(target) + "' after " +
+                               std::to_string(m_settings.sendTimeout.count()) + " s";
+  switch (m_targets.WaitForRoom(target, cost, deadline, [this] { return SendingStops(); })) {
+    case CreditLedger::Room::kGo:
+      break;
+    case CreditLedger::Room::kGone:
+      return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
+    case CreditLedger::Room::kTimedOut:
+      return Fail(KELBUS_ERR_TIMEOUT,
+                  timedOut + ": its holder has not dispatched what came before");
+    case CreditLedger::Room::kAbandoned:
+      return NameLost()
+                 ? Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over")
+                 : Fail(KELBUS_ERR_BAD_ID, "the communicator was closed");
+  }
+  const KelBusResult result =
+      m_link->Publish(m_topics.MessageTopic(target), bytes, size, properties.get(), deadline);
+  if (result == KELBUS_OK)
+    m_targets.Sent(target, cost);
+  if (result == KELBUS_ERR_TIMEOUT)
+    return Fail(result, timedOut + ": " + LastErrorText());
+  return result;
 }
 
 KelBusResult MqttTransport::WatchDepartures(bool on) {
@@ -238,6 +360,8 @@ bool MqttTransport::NameLost() const {
 }
 
 void MqttTransport::Close() {
+  m_closing = true;
+  m_targets.Wake();
   std::lock_guard operation(m_operationMutex);
   if (m_closed || !m_link)
     return;
@@ -258,17 +382,111 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
   const std::string_view topic(message.topic);
   const auto size = static_cast<std::size_t>(message.payloadlen);
   if (m_topics.IsMessageTopic(topic)) {
-    char* type = nullptr;
-    mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
-    m_inbox.Message(type != nullptr ? type : "", message.payload, size);
-    std::free(type);
+    Receive(message, properties);
     return;
   }
-  if (!m_watching || !m_topics.IsPresenceTopic(topic))
+  if (m_topics.IsCreditTopic(topic)) {
+    TakeCredit(message.payload, size);
+    return;
+  }
+  if (!m_topics.IsPresenceTopic(topic))
     return;
   const auto record = ProcessRecord::Decode(message.payload, size);
-  if (record && record->kind == ProcessRecord::Kind::kDeparted)
+  // A record whose application is not its topic's is a forgery.
+  if (!record || m_topics.PresenceTopic(record->app) != topic)
+    return;
+  m_targets.RecordArrived(*record);
+  // Retained records come for a target's presence subscription, and tell of
+  // departures long past.
+  if (m_watching && !message.retain && record->kind == ProcessRecord::Kind::kDeparted)
     Report(*record);
+}
+
+void MqttTransport::TakeCredit(const void* payload, std::size_t size) {
+  constexpr std::size_t kFieldBytes = 8;
+  if (size != 2 * kFieldBytes)
+    return;
+  const auto* bytes = static_cast<const unsigned char*>(payload);
+  const auto field = [bytes](std::size_t at) {
+    std::uint64_t value = 0;
+    for (std::size_t i = kFieldBytes; i > 0; --i)
+      value = (value << 8) | bytes[at + i - 1];
+    return value;
+  };
+  m_targets.Credited(field(0), field(kFieldBytes));
+}
+
+void MqttTransport::Consumed(const ReceivedMessage& message) {
+  const std::uint64_t sender = message.origin.sender;
+  if (sender == 0)
+    return;
+  {
+    std::lock_guard lock(m_arrivalsMutex);
+    Consumption& consumption = m_consumption[sender];
+    --consumption.queued;
+    consumption.uncredited += message.bytes.size() + message.type.size() + kMessageOverhead;
+    // Reported when a quarter of the window is used up, and when nothing
+    // more of the sender's waits, so that a sender never waits for a report
+    // that no dispatch will make.
+    if (consumption.queued > 0 && consumption.uncredited < KELBUS_RECEIVE_WINDOW_BYTES / 4)
+      return;
+    if (consumption.queued == 0) {
+      m_consumption.erase(sender);
+    } else {
+      consumption.uncredited = 0;
+    }
+  }
+  std::string credit;
+  for (const std::uint64_t value : {m_claim, message.origin.sequence}) {
+    for (int i = 0; i < 8; ++i)
+      credit += static_cast<char>((value >> (8 * i)) & 0xFF);
+  }
+  std::lock_guard lock(m_linkMutex);
+  m_link->PublishControl(m_topics.CreditTopic(SenderTag(sender)), credit);
+}
+
+void MqttTransport::Receive(const mosquitto_message& message,
+                            const mosquitto_property* properties) {
+  std::optional<std::pair<std::uint64_t, std::uint64_t>> numbered;  // sender, sequence
+  char* name = nullptr;
+  char* value = nullptr;
+  for (const mosquitto_property* property = mosquitto_property_read_string_pair(
+           properties, MQTT_PROP_USER_PROPERTY, &name, &value, false);
+       property != nullptr && !numbered;
+       property = mosquitto_property_read_string_pair(property, MQTT_PROP_USER_PROPERTY, &name,
+                                                      &value, true)) {
+    std::uint64_t sender = 0, sequence = 0;
+    if (std::strcmp(name, kSequenceProperty) == 0) {
+      if (!ParseSequenceLabel(value, &sender, &sequence)) {
+        Diagnose("KelBus: dropped a message to application '" + m_app + "' whose sequence label '" +
+                 value + "' is malformed");
+        std::free(name);
+        std::free(value);
+        return;
+      }
+      numbered.emplace(sender, sequence);
+    }
+    std::free(name);
+    std::free(value);
+  }
+  if (numbered) {
+    std::unique_lock lock(m_arrivalsMutex);
+    const SequenceTracker::Verdict verdict = m_arrivals.Arrived(numbered->first, numbered->second);
+    if (!verdict.deliver)
+      return;
+    ++m_consumption[numbered->first].queued;
+    lock.unlock();
+    if (verdict.lost > 0) {
+      Diagnose("KelBus: " + std::to_string(verdict.lost) + " message(s) from sender " +
+               SenderTag(numbered->first) + " to application '" + m_app + "' were lost");
+    }
+  }
+  char* type = nullptr;
+  mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
+  const Origin origin = numbered ? Origin{numbered->first, numbered->second} : Origin();
+  m_inbox.Message(type != nullptr ? type : "", message.payload,
+                  static_cast<std::size_t>(message.payloadlen), origin);
+  std::free(type);
 }
 
 void MqttTransport::Report(const ProcessRecord& departure) {
@@ -285,6 +503,7 @@ void MqttTransport::Report(const ProcessRecord& departure) {
 }
 
 void MqttTransport::OnStateChanged() {
+  m_targets.Wake();
   m_inbox.Wake();
 }
 

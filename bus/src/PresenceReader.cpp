@@ -69,7 +69,8 @@ PresenceReading ReadPresence(const BusAddress& address, const BusTopics& topics,
   if (reading.result != KELBUS_OK)
     return reading;
   const std::string payload = probe.Encode();
-  reading.result = link.Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr);
+  reading.result =
+      link.Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline);
   if (reading.result == KELBUS_OK && !listener.WaitForProbe(deadline, &reading.record)) {
     reading.result = Fail(KELBUS_ERR_TRANSPORT,
                           "the broker did not answer while reading who holds '" + app + "'");

@@ -26,12 +26,6 @@ void SendWindow::Acknowledge(int mid) {
   }
 }
 
-void SendWindow::Clear() {
-  m_head = 0;
-  m_count = 0;
-  m_bytes = 0;
-}
-
 void SendWindow::Grow() {
   std::vector<Entry> larger(m_ring.size() * 2);
   for (std::size_t i = 0; i < m_count; ++i)

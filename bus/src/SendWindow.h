@@ -20,7 +20,6 @@ class SendWindow {
   void Add(int mid, std::size_t cost);
   // The broker acknowledged `mid`; unknown identifiers are ignored.
   void Acknowledge(int mid);
-  void Clear();
 
  private:
   struct Entry {

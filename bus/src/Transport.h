@@ -31,6 +31,9 @@ class Transport {
   // may still go.
   virtual KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                             int size) = 0;
+  // A waiting loop has dispatched `message` (or dropped it for want of a
+  // callback); its sender may send more.  Called on the waiting thread.
+  virtual void Consumed(const ReceivedMessage& message) = 0;
   // Starts or stops the delivery of departure records to the inbox; records
   // that arrive while stopped are never delivered.
   virtual KelBusResult WatchDepartures(bool on) = 0;

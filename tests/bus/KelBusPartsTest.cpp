@@ -1,5 +1,5 @@
 // The bus's parts that need no network: the URL, topic names, the records of
-// presence and departure, and the send window.
+// presence and departure, the send window and the sequence tracker.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -13,6 +13,7 @@
 #include "ProcessRecord.h"
 #include "ScratchDirectory.h"
 #include "SendWindow.h"
+#include "SequenceTracker.h"
 
 namespace kelbus {
 namespace {
@@ -121,7 +122,8 @@ TEST(KelBusTopics, AnyApplicationNameBecomesOneSafeLevel) {
             "suite/a/solver_1.a-b%2F%2B%23d%20e%25%00%C3%FF");
   EXPECT_EQ(topics.PresenceTopic("a/b"), "suite/p/a%2Fb");
   EXPECT_EQ(topics.HolderClientId("solver"), "suite/a/solver");
-  EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3), "suite/c/node7/42/3/my%20tool");
+  EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3, "ab"),
+            "suite/c/node7/42/3/ab/my%20tool");
 }
 
 // Records come from other processes: anything but exactly one is refused.
@@ -150,8 +152,21 @@ TEST(KelBusSendWindow, CountsWhatTheBrokerHasNotAcknowledged) {
     window.Acknowledge(mid);
   EXPECT_TRUE(window.HasRoomFor(910, 2000));
   EXPECT_FALSE(window.HasRoomFor(911, 2000));
-  window.Clear();
+  for (int mid = 41; mid <= 150; ++mid)
+    window.Acknowledge(mid);
   EXPECT_TRUE(window.Empty());
+}
+
+// A holder's memory of its senders is bounded: the least recent is
+// forgotten, and then taken for new.
+TEST(KelBusSequenceTracker, ForgetsTheLeastRecentSenderWhenFull) {
+  SequenceTracker tracker(2);
+  tracker.Arrived(1, 5);
+  tracker.Arrived(2, 5);
+  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);  // a repeat; 1 is now the most recent
+  tracker.Arrived(3, 5);                        // 2 goes
+  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);
+  EXPECT_TRUE(tracker.Arrived(2, 5).deliver);
 }
 
 }  // namespace

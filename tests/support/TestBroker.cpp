@@ -57,6 +57,7 @@ std::string TestBroker::Url(const std::string& nameSpace) const {
 
 void TestBroker::ExportUrl(const std::string& nameSpace) const {
   setenv("KELBUS_URL", Url(nameSpace).c_str(), 1);
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", "0", 1);
   if (m_security == Security::kNone) {
     unsetenv("KELBUS_CA_FILE");
     unsetenv("KELBUS_PASSWORD_FILE");

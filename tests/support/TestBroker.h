@@ -30,8 +30,10 @@ class TestBroker {
   // mqtt://127.0.0.1:<port>/<nameSpace>, or with TLS and passwords
   // mqtts://<user>@127.0.0.1:<port>/<nameSpace>
   std::string Url(const std::string& nameSpace = "kelbus") const;
-  // Sets KELBUS_URL to Url(nameSpace), and KELBUS_CA_FILE and
-  // KELBUS_PASSWORD_FILE to the user's files or unsets them.
+  // Sets KELBUS_URL to Url(nameSpace), KELBUS_CA_FILE and
+  // KELBUS_PASSWORD_FILE to the user's files or unsets them, and
+  // KELBUS_DEPARTURE_DELAY_SECONDS to 0: tests kill processes and expect to
+  // hear of it at once.
   void ExportUrl(const std::string& nameSpace = "kelbus") const;
   // What the broker wrote (errors and warnings).
   std::string Log() const { return m_broker->Log(); }

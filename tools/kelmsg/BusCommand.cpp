@@ -37,6 +37,7 @@ struct BusOptions {
   std::string configuration;
   std::string program = MosquittoProgram();
   BusSecurityOptions security;
+  std::string queueDirectory;  // the broker's persistence
 };
 
 // Beside the program, as installed and as built: bin/kelmsg and
@@ -80,6 +81,7 @@ void Bus(const BusOptions& options) {
   settings.configuration =
       options.configuration.empty() ? InstalledConfiguration() : options.configuration;
   settings.address = options.address;
+  settings.stateDirectory = options.queueDirectory;
   if (access(settings.configuration.c_str(), R_OK) != 0) {
     throw CommandFailure("cannot read the broker configuration " + settings.configuration);
   }
@@ -126,6 +128,12 @@ void AddBusCommand(CLI::App& app) {
       ->add_option("--config", options->configuration,
                    "broker configuration (default: the installed kelbus-mosquitto.conf)")
       ->type_name("FILE");
+  command
+      ->add_option("--queue-dir", options->queueDirectory,
+                   "directory that keeps queued messages across broker restarts (default: a "
+                   "private one, removed when the broker stops)")
+      ->check(CLI::ExistingDirectory)
+      ->type_name("DIR");
   command->add_option("--mosquitto", options->program, "the broker program")
       ->capture_default_str()
       ->type_name("PROGRAM");

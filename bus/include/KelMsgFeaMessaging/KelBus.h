@@ -28,9 +28,9 @@
 //   selects an in-process bus without broker: the communicators of one
 //   process reach each other and nobody else.
 //   The broker must speak MQTT 5.  config/kelbus-mosquitto.conf (installed
-//   in share/KelMsgFeaMessaging) configures mosquitto for the bus: unlimited
-//   queues, so that nothing is dropped when receivers fall behind, and room
-//   for messages of up to 64 MiB.
+//   in share/KelMsgFeaMessaging) configures mosquitto for the bus: queues
+//   kept across restarts, bounded queues per client, and room for messages
+//   of up to 64 MiB.
 //
 // MAPPING ONTO MQTT
 //   <namespace>/a/<application>   messages to the application; the payload is
@@ -60,42 +60,82 @@
 //   Several threads may call the bus at once; the callbacks of SendRequest
 //   must not call the bus themselves.
 //
-// ORDER, LOSS AND MEMORY
-//   - Messages from one communicator to one application arrive in the order
-//     sent, at least once: a message that was in flight when a connection
-//     broke is sent again after the connection is restored, and may then
-//     arrive twice.
-//   - A message to an application that no process holds is dropped by the
-//     broker.  So are messages that arrive while the holder's connection is
-//     down: the holder's subscription lives only as long as its connection.
+// DELIVERY
+//   - Messages from one communicator to one application arrive exactly once
+//     and in the order sent, as long as the holder's session lives on the
+//     broker: broken connections, a stalled receiver and a broker restart
+//     with persistence (config/kelbus-mosquitto.conf) lose nothing.  Every
+//     message carries its sender's random identifier and a sequence number
+//     per target in an MQTT user property ("kelbus-seq"); the holder drops
+//     a message delivered again, and reports one that never came in a
+//     diagnostic line naming sender, application and count.  Messages from
+//     plain MQTT clients, without the property, are delivered as they come.
+//   - A message to an application that no process ever held is dropped by
+//     the broker (SendRequest returns KELBUS_OK).  A message to one whose
+//     holder left fails with KELBUS_ERR_GONE, until somebody holds it again.
+//   - Sessions: every connection keeps its session on the broker for
+//     KELBUS_SESSION_EXPIRY_SECONDS (default 600) after it broke, and the
+//     broker queues what arrives meanwhile.  A holder that leaves for good
+//     (CloseCommunicator, normal exit) ends its session; a new holder of a
+//     name ends the session of the former one first, so that nothing queued
+//     for a dead solver reaches its successor.
+//
+// MEMORY AND FLOW CONTROL
 //   - SendRequest blocks while more than KELBUS_SEND_WINDOW_BYTES of the
-//     communicator's messages wait for the broker's acknowledgement (one
-//     larger message alone is allowed), so a sender's memory does not grow
-//     with what it sends.
-//   - The network thread never waits for the caller: it copies every message
-//     into the process's dispatch queue at once, so a busy receiver neither
-//     misses keepalives nor slows the broker down.  The backlog of a
-//     receiver whose handlers are slower than its senders lives in the
-//     receiver's memory.
+//     communicator's messages wait for the broker's acknowledgement, and
+//     while more than KELBUS_RECEIVE_WINDOW_BYTES of its messages to one
+//     holder wait in the holder's process to be dispatched (in both windows
+//     one larger message goes alone when nothing is outstanding).  The
+//     holder reports what its waiting loops dispatched (or dropped for want
+//     of a callback) on the sender's credit topic.  So the sender, the
+//     broker and the receiver hold a bounded amount however large the
+//     traffic and however long the receiver stalls.
+//   - The receive window counts per holder: a new holder of the name starts
+//     afresh, and a name nobody holds counts nothing.  A sender learns who
+//     holds a target on its first send to it (one round trip to the broker).
+//   - A blocked SendRequest fails when the target leaves (KELBUS_ERR_GONE)
+//     or after KELBUS_SEND_TIMEOUT_SECONDS (default 300; KELBUS_ERR_TIMEOUT),
+//     with KelBusLastError naming the target.  A communicator that sends to
+//     its own application more than the window holds without waiting in
+//     between blocks until that time-out.
+//   - The network thread never waits for the caller, so keepalives go on
+//     while the caller is blocked or busy.
+//   - The in-process bus (local:) has no windows: sender and receiver share
+//     one process's memory, and a message is in the receiver's queue when
+//     SendRequest returns.
 //
 // DEPARTURES
 //   The departure record of a communicator that declared an application
 //   holds its process id, the application, the host name and the user name.
-//   The broker publishes it when the process dies or its connection breaks
-//   (within 1.5 keepalive periods of KELBUS_KEEPALIVE_SECONDS on a silent
-//   network), when the communicator is closed (MQTT 5 disconnect with will,
-//   reason 0x04; at normal process exit every open communicator is closed),
-//   and when another process takes the name over.  Every communicator with a
-//   disconnect callback receives it.  A communicator that never declared an
-//   application has no departure record.
+//   It is published at once when the communicator is closed (at normal
+//   process exit every open communicator is closed) and when another process
+//   takes the name over.  When the process dies or its connection breaks
+//   (noticed within 1.5 keepalive periods of KELBUS_KEEPALIVE_SECONDS on a
+//   silent network), the broker publishes it KELBUS_DEPARTURE_DELAY_SECONDS
+//   (default 30) later, unless the connection is back by then.  The delay
+//   trades the time to notice a death for tolerance of stalls: a process
+//   stopped (SIGSTOP, a debugger, swapping) for less than about 1.5
+//   keepalives plus the delay is not taken for departed; a killed one is
+//   reported only after the delay, and its name stays held (declaring it
+//   with flag 0 fails) until then.  A process that comes back after its
+//   departure was published takes its name and session back.  Every
+//   communicator with a disconnect callback receives the record.  A
+//   communicator that never declared an application has no departure
+//   record.
 //
 // CONNECTION LOSS
 //   A lost connection is restored in the background, retried with growing
-//   delays of up to a few seconds.  While it is down, SendRequest does not
-//   take messages (KELBUS_ERR_DISCONNECTED) and WaitingLoop goes on waiting.
-//   A communicator that held an application first checks that nobody took
-//   its name over meanwhile; if somebody did, it gives the name up for good
+//   delays of up to a few seconds.  While it is down, SendRequest goes on
+//   taking messages into the send window (and blocks when it is full); they
+//   go out once the connection is back.  WaitingLoop goes on waiting.  A
+//   communicator that held an application first checks that nobody took its
+//   name over meanwhile; if somebody did, it gives the name up for good
 //   (KELBUS_ERR_NAME_LOST) instead of taking it back.
+//
+// LIMITS
+//   The broker configuration bounds what it queues per client and the size
+//   of one message (64 MiB); its queue limits lie above the windows, so that
+//   a well-behaved bus never reaches them.
 //
 // RESULTS
 //   Every function returns KELBUS_OK (0) or one of the negative codes below.
@@ -143,22 +183,28 @@ enum KelBusResult {
   KELBUS_ERR_NAME_LOST = -7,
   // DeclareApplicationId on a communicator that already declared one.
   KELBUS_ERR_ALREADY_DECLARED = -8,
-  // The connection to the broker is down and being restored; the message was
-  // not sent.
+  // The connection to the broker is down (DeclareApplicationId,
+  // AssociateDisconnectHandler) or closed (SendRequest).
   KELBUS_ERR_DISCONNECTED = -9,
   // The message is larger than the broker accepts.
   KELBUS_ERR_TOO_LARGE = -10,
   // WaitingLoop or BBSysLoopWait: the time limit passed before the watched
-  // value changed.
+  // value changed.  SendRequest: it blocked KELBUS_SEND_TIMEOUT_SECONDS.
   KELBUS_ERR_TIMEOUT = -11,
   // Any other failure of the network or the broker; see KelBusLastError.
-  KELBUS_ERR_TRANSPORT = -12
+  KELBUS_ERR_TRANSPORT = -12,
+  // SendRequest: the target application has left the bus (its holder closed
+  // its communicator, exited or died) and nobody holds it again.
+  KELBUS_ERR_GONE = -13
 };
 
 enum {
   // Bytes of unacknowledged messages per communicator above which SendRequest
   // waits.
   KELBUS_SEND_WINDOW_BYTES = 4 * 1024 * 1024,
+  // Bytes of messages from one communicator that the holder of an
+  // application has not dispatched yet, above which SendRequest waits.
+  KELBUS_RECEIVE_WINDOW_BYTES = 8 * 1024 * 1024,
   // Time limit for reaching the broker when a communicator is registered or
   // declares an application.
   KELBUS_CONNECT_SECONDS = 5,
@@ -213,11 +259,14 @@ int DeclareApplicationId(int communicatorId, const char* applicationId, int flag
 // Sends one message to the application `targetApplication`.  Calls `size`,
 // then `type`, then `stream` with a buffer of the size given, and hands the
 // bytes to the network; the callbacks are not called when the communicator
-// is unusable (bad identifier, name lost).  Blocks while the send window is
-// full (see ORDER, LOSS AND MEMORY).  KELBUS_OK means the message is on its
-// way, not that anybody holds the application.
-// Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID,
-// KELBUS_ERR_NAME_LOST, KELBUS_ERR_DISCONNECTED, KELBUS_ERR_TOO_LARGE,
+// is unusable (bad identifier, name lost).  Blocks while a window is full
+// (see MEMORY AND FLOW CONTROL), also while the connection is down.
+// KELBUS_OK means the message is on its way, not that anybody holds the
+// application.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID (also when
+// another thread closes the communicator while the send is blocked),
+// KELBUS_ERR_NAME_LOST, KELBUS_ERR_GONE, KELBUS_ERR_TIMEOUT,
+// KELBUS_ERR_DISCONNECTED (the connection was closed), KELBUS_ERR_TOO_LARGE,
 // KELBUS_ERR_TRANSPORT.
 int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
                 KelBusSizeCallback size, KelBusTypeCallback type);

@@ -1,0 +1,114 @@
+#include "CreditLedger.h"
+
+namespace kelbus {
+
+bool CreditLedger::Add(std::string_view app) {
+  std::lock_guard lock(m_mutex);
+  if (m_targets.find(app) != m_targets.end())
+    return false;
+  m_targets.emplace(app, Target());
+  return true;
+}
+
+std::uint64_t CreditLedger::NextSequence(std::string_view app) const {
+  std::lock_guard lock(m_mutex);
+  return m_targets.find(app)->second.sequence + 1;
+}
+
+CreditLedger::Room CreditLedger::WaitForRoom(std::string_view app, std::size_t cost,
+                                             Clock::time_point deadline,
+                                             const std::function<bool()>& abandon) {
+  std::unique_lock lock(m_mutex);
+  const Target& target = m_targets.find(app)->second;
+  const auto room = [&] {
+    return !target.claim || target.outstandingBytes == 0 ||
+           target.outstandingBytes + cost <= m_window;
+  };
+  const bool decided =
+      m_changed.wait_until(lock, deadline, [&] { return target.departed || room() || abandon(); });
+  if (target.departed)
+    return Room::kGone;
+  if (!decided)
+    return Room::kTimedOut;
+  return room() ? Room::kGo : Room::kAbandoned;
+}
+
+void CreditLedger::Sent(std::string_view app, std::size_t cost) {
+  std::lock_guard lock(m_mutex);
+  Target& target = m_targets.find(app)->second;
+  ++target.sequence;
+  if (target.claim) {
+    target.outstanding.emplace_back(target.sequence, cost);
+    target.outstandingBytes += cost;
+  }
+}
+
+void CreditLedger::ExpectProbe(std::string_view app, std::uint64_t probe) {
+  std::lock_guard lock(m_mutex);
+  m_targets.find(app)->second.probe = probe;
+}
+
+void CreditLedger::AwaitProbe(std::string_view app, Clock::time_point deadline,
+                              const std::function<bool()>& abandon) {
+  std::unique_lock lock(m_mutex);
+  const Target& target = m_targets.find(app)->second;
+  m_changed.wait_until(lock, deadline, [&] { return target.probed || abandon(); });
+}
+
+void CreditLedger::RecordArrived(const ProcessRecord& record) {
+  {
+    std::lock_guard lock(m_mutex);
+    const auto found = m_targets.find(record.app);
+    if (found == m_targets.end())
+      return;
+    Target& target = found->second;
+    switch (record.kind) {
+      case ProcessRecord::Kind::kProbe:
+        target.probed = target.probed || record.claim == target.probe;
+        break;
+      case ProcessRecord::Kind::kPresent:
+        if (target.claim != record.claim) {
+          target.claim = record.claim;
+          target.outstanding.clear();
+          target.outstandingBytes = 0;
+        }
+        target.departed = false;
+        break;
+      case ProcessRecord::Kind::kDeparted:
+        // A late departure of a holder already replaced says nothing.
+        target.departed = !target.claim || target.claim == record.claim;
+        break;
+    }
+  }
+  m_changed.notify_all();
+}
+
+void CreditLedger::Credited(std::uint64_t claim, std::uint64_t sequence) {
+  {
+    std::lock_guard lock(m_mutex);
+    for (auto& [app, target] : m_targets) {
+      if (target.claim != claim)
+        continue;
+      while (!target.outstanding.empty() && target.outstanding.front().first <= sequence) {
+        target.outstandingBytes -= target.outstanding.front().second;
+        target.outstanding.pop_front();
+      }
+    }
+  }
+  m_changed.notify_all();
+}
+
+void CreditLedger::Wake() {
+  { std::lock_guard lock(m_mutex); }
+  m_changed.notify_all();
+}
+
+std::vector<std::string> CreditLedger::Applications() const {
+  std::lock_guard lock(m_mutex);
+  std::vector<std::string> apps;
+  for (const auto& [app, target] : m_targets)
+    apps.push_back(app);
+  return apps;
+}
+
+}  // namespace kelbus
