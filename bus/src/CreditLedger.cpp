@@ -21,7 +21,7 @@ CreditLedger::Room CreditLedger::WaitForRoom(std::string_view app, std::size_t c
   std::unique_lock lock(m_mutex);
   const Target& target = m_targets.find(app)->second;
   const auto room = [&] {
-    return !target.claim || target.outstandingBytes == 0 ||
+    return !target.claim || target.outstandingBytes < ReportStep() ||
            target.outstandingBytes + cost <= m_window;
   };
   const bool decided =

@@ -5,8 +5,13 @@
 // The window counts per presence claim: the bytes of the messages sent to
 // the holder of the moment that it has not yet reported dispatched.  A new
 // holder starts afresh, and a target without presence record counts
-// nothing, since nobody would report.  A message larger than the window goes
-// alone when nothing is outstanding.
+// nothing, since nobody would report.
+//
+// A holder reports once it has dispatched a report step (a quarter of the
+// window) since its last report, and a sender never waits while less than a
+// step is outstanding: so every wait ends with a report, and a holder that
+// keeps up reports once a step rather than once a message.  That also lets a
+// message larger than the window go, after less than a step.
 //
 // Thread-safe: the sending thread asks and records, the network threads
 // report presence records and credits.
@@ -36,6 +41,8 @@ class CreditLedger {
   using Clock = std::chrono::steady_clock;
 
   explicit CreditLedger(std::size_t window) : m_window(window) {}
+
+  std::size_t ReportStep() const { return m_window / 4; }
 
   // Adds `app` unless known; returns whether it was new.
   bool Add(std::string_view app);

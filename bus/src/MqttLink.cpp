@@ -28,6 +28,10 @@ constexpr milliseconds kGoodbyeLimit{2000};
 constexpr std::size_t kMessageOverhead = 64;
 constexpr int kQos = 1;
 
+// Set on the links' network threads, which hold their link's I/O mutex
+// whenever libmosquitto calls back.
+thread_local bool t_onNetworkThread = false;
+
 void InitialiseLibraryOnce() {
   static std::once_flag once;
   std::call_once(once, [] { mosquitto_lib_init(); });
@@ -239,7 +243,7 @@ KelBusResult MqttLink::PublishLocked(const std::string& topic, const void* bytes
   int mid = 0;
   const int result = mosquitto_publish_v5(m_mosq, &mid, topic.c_str(), size, bytes, kQos,
                                           publication == Publication::kRetained, properties);
-  m_wakeup.Raise();
+  WriteOrWakeLocked();
   // NO_CONN: the connection broke before the link's thread noticed.  The
   // library keeps a QoS 1 message queued all the same and sends it once the
   // connection is restored, so it is in flight like any other.
@@ -301,6 +305,7 @@ MqttLink::State MqttLink::CurrentState() const {
 }
 
 void MqttLink::Run() {
+  t_onNetworkThread = true;
   for (;;) {
     const int result = Step(kLoopSliceMs);
     if (m_stopping) {
@@ -327,6 +332,7 @@ int MqttLink::Step(int timeoutMs) {
   const bool woken = (watched[1].revents & POLLIN) != 0;
   if (woken)
     m_wakeup.Clear();
+  const std::lock_guard io(m_ioMutex);
   // libmosquitto goes on with a TLS handshake only in mosquitto_loop_read,
   // also when the handshake waits for the socket to become writable.
   const short handshake = m_address.kind == BusAddress::Kind::kMqtts ? POLLOUT : 0;
@@ -426,8 +432,19 @@ void MqttLink::SubscribeLocked(const Subscription& subscription) {
   if (mosquitto_subscribe_v5(m_mosq, &mid, subscription.filter.c_str(), kQos, subscription.options,
                              nullptr) == MOSQ_ERR_SUCCESS) {
     m_awaitedSubscriptions.push_back(mid);
-    m_wakeup.Raise();
+    WriteOrWakeLocked();
   }
+}
+
+void MqttLink::WriteOrWakeLocked() {
+  if (!t_onNetworkThread && m_state == State::kUp) {
+    const std::unique_lock io(m_ioMutex, std::try_to_lock);
+    if (io.owns_lock() && mosquitto_loop_write(m_mosq, 1) == MOSQ_ERR_SUCCESS &&
+        !mosquitto_want_write(m_mosq)) {
+      return;
+    }
+  }
+  m_wakeup.Raise();
 }
 
 void MqttLink::SetStateLocked(State state) {

@@ -1,7 +1,9 @@
 // One MQTT 5 connection to the broker, driven by a network thread of its
 // own.  The thread polls the socket itself and lets libmosquitto read and
 // write: mosquitto_loop would use select(), which cannot watch a descriptor
-// above 1023, and a solver may well hold that many files open.
+// above 1023, and a solver may well hold that many files open.  A thread
+// that sends writes its packet itself when the network thread is not busy
+// with the socket.
 //
 // The link restores a broken connection by itself, with growing delays, and
 // asks its reconnect guard first: a guard may postpone the attempt or give
@@ -169,6 +171,12 @@ class MqttLink {
   bool StartReconnecting();
   void Connected(int reason);
   void SubscribeLocked(const Subscription& subscription);
+  // Writes out what the calling thread has just queued, unless the network
+  // thread is busy with the socket or is the caller: then it wakes it.
+  // Writing at once saves a hand-over between threads on every message.  A
+  // write that fails closes the socket, and the network thread, woken,
+  // finds it closed and restores the connection.
+  void WriteOrWakeLocked();
   enum class Publication { kCounted, kRetained, kControl };
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
                              const mosquitto_property* properties, Publication publication);
@@ -191,6 +199,11 @@ class MqttLink {
   std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_sayingGoodbye{false};
   Clock::time_point m_stopDeadline;
+
+  // Held around libmosquitto's reads and writes of the socket, so that a
+  // sending thread may write while the network thread does not.  Taken
+  // before m_mutex, or else only tried.
+  std::mutex m_ioMutex;
 
   mutable std::mutex m_mutex;  // guards everything below
   std::condition_variable m_changed;

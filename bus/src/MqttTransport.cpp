@@ -119,6 +119,10 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // The topic of every application sent to, and the last sequence number.
   const std::uint64_t m_senderId = RandomClaim();
   CreditLedger m_targets{KELBUS_RECEIVE_WINDOW_BYTES};
+  // Kept from send to send, so that sending allocates no text.
+  std::string m_lastTarget;
+  std::string m_targetTopic;  // of m_lastTarget
+  std::string m_label;
   std::atomic<bool> m_closing{false};
   std::string m_app;          // set before the holder link opens
   std::uint64_t m_claim = 0;  // likewise
@@ -127,6 +131,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   struct Consumption {
     std::size_t queued = 0;      // messages in the dispatch queue
     std::size_t uncredited = 0;  // bytes dispatched since the last report
+    bool afterGap = false;       // messages were lost since the last report
   };
   std::mutex m_arrivalsMutex;
   SequenceTracker m_arrivals{kRememberedSenders};
@@ -311,35 +316,40 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
   std::lock_guard operation(m_operationMutex);
   if (m_targets.Add(target))
     LearnPresence(target);
-  Properties properties;
-  if (const KelBusResult result = LabelMessage(
-          type, SequenceLabel(m_senderId, m_targets.NextSequence(target)), &properties);
-      result != KELBUS_OK) {
-    return result;
+  // Consecutive sends mostly go to one target.
+  if (target != m_lastTarget || m_targetTopic.empty()) {
+    m_lastTarget.assign(target);
+    m_topics.MessageTopic(target, &m_targetTopic);
   }
+  SequenceLabel(m_senderId, m_targets.NextSequence(target), &m_label);
+  Properties properties;
+  if (const KelBusResult result = LabelMessage(type, m_label, &properties); result != KELBUS_OK)
+    return result;
   const std::size_t cost = static_cast<std::size_t>(size) + std::strlen(type) + kMessageOverhead;
   const auto deadline = Clock::now() + m_settings.sendTimeout;
-  const std::string timedOut = "gave up sending to '" + std::string(target) + "' after " +
-                               std::to_string(m_settings.sendTimeout.count()) + " s";
+  const auto gaveUp = [&](const std::string& why) {
+    return Fail(KELBUS_ERR_TIMEOUT, "gave up sending to '" + std::string(target) + "' after " +
+                                        std::to_string(m_settings.sendTimeout.count()) +
+                                        " s: " + why);
+  };
   switch (m_targets.WaitForRoom(target, cost, deadline, [this] { return SendingStops(); })) {
     case CreditLedger::Room::kGo:
       break;
     case CreditLedger::Room::kGone:
       return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
     case CreditLedger::Room::kTimedOut:
-      return Fail(KELBUS_ERR_TIMEOUT,
-                  timedOut + ": its holder has not dispatched what came before");
+      return gaveUp("its holder has not dispatched what came before");
     case CreditLedger::Room::kAbandoned:
       return NameLost()
                  ? Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over")
                  : Fail(KELBUS_ERR_BAD_ID, "the communicator was closed");
   }
   const KelBusResult result =
-      m_link->Publish(m_topics.MessageTopic(target), bytes, size, properties.get(), deadline);
+      m_link->Publish(m_targetTopic, bytes, size, properties.get(), deadline);
   if (result == KELBUS_OK)
     m_targets.Sent(target, cost);
   if (result == KELBUS_ERR_TIMEOUT)
-    return Fail(result, timedOut + ": " + LastErrorText());
+    return gaveUp(LastErrorText());
   return result;
 }
 
@@ -425,15 +435,16 @@ void MqttTransport::Consumed(const ReceivedMessage& message) {
     Consumption& consumption = m_consumption[sender];
     --consumption.queued;
     consumption.uncredited += message.bytes.size() + message.type.size() + kMessageOverhead;
-    // Reported when a quarter of the window is used up, and when nothing
-    // more of the sender's waits, so that a sender never waits for a report
-    // that no dispatch will make.
-    if (consumption.queued > 0 && consumption.uncredited < KELBUS_RECEIVE_WINDOW_BYTES / 4)
+    // Reported a step at a time (see CreditLedger); at once after a gap, as
+    // only a report takes the lost messages off the sender's window; and
+    // when too many senders are remembered, so as to forget this one.
+    const bool crowded = consumption.queued == 0 && m_consumption.size() > kRememberedSenders;
+    if (consumption.uncredited < m_targets.ReportStep() && !consumption.afterGap && !crowded)
       return;
     if (consumption.queued == 0) {
       m_consumption.erase(sender);
     } else {
-      consumption.uncredited = 0;
+      consumption = {.queued = consumption.queued};
     }
   }
   std::string credit;
@@ -474,7 +485,9 @@ void MqttTransport::Receive(const mosquitto_message& message,
     const SequenceTracker::Verdict verdict = m_arrivals.Arrived(numbered->first, numbered->second);
     if (!verdict.deliver)
       return;
-    ++m_consumption[numbered->first].queued;
+    Consumption& consumption = m_consumption[numbered->first];
+    ++consumption.queued;
+    consumption.afterGap = consumption.afterGap || verdict.lost > 0;
     lock.unlock();
     if (verdict.lost > 0) {
       Diagnose("KelBus: " + std::to_string(verdict.lost) + " message(s) from sender " +

@@ -1,34 +1,49 @@
 #include "SequenceTracker.h"
 
 #include <charconv>
+#include <iterator>
+#include <limits>
 
 namespace kelbus {
 namespace {
 
 constexpr std::size_t kTagDigits = 16;
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+// Replaces `text` by the tag of `sender`.
+void WriteTag(std::uint64_t sender, std::string* text) {
+  text->assign(kTagDigits, '0');
+  for (std::size_t i = kTagDigits; i > 0; --i, sender >>= 4)
+    (*text)[i - 1] = kHexDigits[sender & 0xF];
+}
 
 }  // namespace
 
 std::string SenderTag(std::uint64_t sender) {
-  std::string tag(kTagDigits, '0');
-  for (std::size_t i = kTagDigits; i > 0; --i, sender >>= 4)
-    tag[i - 1] = "0123456789abcdef"[sender & 0xF];
+  std::string tag;
+  WriteTag(sender, &tag);
   return tag;
 }
 
-std::string SequenceLabel(std::uint64_t sender, std::uint64_t sequence) {
-  return SenderTag(sender) + ":" + std::to_string(sequence);
+void SequenceLabel(std::uint64_t sender, std::uint64_t sequence, std::string* label) {
+  WriteTag(sender, label);
+  char digits[std::numeric_limits<std::uint64_t>::digits10 + 2];
+  const auto end = std::to_chars(std::begin(digits), std::end(digits), sequence).ptr;
+  label->push_back(':');
+  label->append(std::begin(digits), end);
 }
 
 bool ParseSequenceLabel(std::string_view label, std::uint64_t* sender, std::uint64_t* sequence) {
   if (label.size() <= kTagDigits + 1 || label[kTagDigits] != ':')
     return false;
-  const char* tagEnd = label.data() + kTagDigits;
+  // Exactly what WriteTag writes, so that one sender has one label.
+  const std::string_view tag = label.substr(0, kTagDigits);
+  if (tag.find_first_not_of(kHexDigits) != std::string_view::npos)
+    return false;
+  std::from_chars(tag.data(), tag.data() + tag.size(), *sender, 16);
   const char* end = label.data() + label.size();
-  const auto tag = std::from_chars(label.data(), tagEnd, *sender, 16);
-  const auto number = std::from_chars(tagEnd + 1, end, *sequence);
-  return tag.ec == std::errc() && tag.ptr == tagEnd && number.ec == std::errc() &&
-         number.ptr == end && SenderTag(*sender) == label.substr(0, kTagDigits);
+  const auto number = std::from_chars(tag.data() + kTagDigits + 1, end, *sequence);
+  return number.ec == std::errc() && number.ptr == end;
 }
 
 SequenceTracker::Verdict SequenceTracker::Arrived(std::uint64_t sender, std::uint64_t sequence) {

@@ -21,7 +21,8 @@ inline constexpr char kSequenceProperty[] = "kelbus-seq";
 
 // A sender identifier as 16 lower-case hex digits.
 std::string SenderTag(std::uint64_t sender);
-std::string SequenceLabel(std::uint64_t sender, std::uint64_t sequence);
+// Writes the label into `label`, reusing its storage.
+void SequenceLabel(std::uint64_t sender, std::uint64_t sequence, std::string* label);
 // False for anything but a label that SequenceLabel makes.
 bool ParseSequenceLabel(std::string_view label, std::uint64_t* sender, std::uint64_t* sequence);
 

@@ -84,12 +84,15 @@
 //   - SendRequest blocks while more than KELBUS_SEND_WINDOW_BYTES of the
 //     communicator's messages wait for the broker's acknowledgement, and
 //     while more than KELBUS_RECEIVE_WINDOW_BYTES of its messages to one
-//     holder wait in the holder's process to be dispatched (in both windows
-//     one larger message goes alone when nothing is outstanding).  The
-//     holder reports what its waiting loops dispatched (or dropped for want
-//     of a callback) on the sender's credit topic.  So the sender, the
-//     broker and the receiver hold a bounded amount however large the
-//     traffic and however long the receiver stalls.
+//     holder wait in the holder's process to be dispatched.  The holder
+//     reports what its waiting loops dispatched (or dropped for want of a
+//     callback) on the sender's credit topic, once a quarter of the receive
+//     window has come together, and the sender never waits while less than
+//     that is outstanding.  A larger message goes alone when nothing is
+//     outstanding in the send window, and once less than a quarter is in
+//     the receive window.  So the sender, the broker and the receiver hold
+//     a bounded amount however large the traffic and however long the
+//     receiver stalls.
 //   - The receive window counts per holder: a new holder of the name starts
 //     afresh, and a name nobody holds counts nothing.  A sender learns who
 //     holds a target on its first send to it (one round trip to the broker).
