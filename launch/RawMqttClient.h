@@ -1,5 +1,5 @@
 // A plain MQTT 5 client: libmosquitto without the bus.  The benchmarks
-// measure their baselines with it.
+// measure their baselines with it; the security tests play a stranger with it.
 //
 // Built like the bus's own connections, so that the two compare fairly:
 // MQTT 5, TCP_NODELAY, QoS 1, a network thread of its own, and a send window
@@ -8,8 +8,8 @@
 //   RawMqttClient client(port, [](const std::string& topic, const char* bytes, int size) {...});
 //   client.Subscribe("suite/a/solver");
 //   client.Publish("suite/a/monitor", bytes, size, "KelMsgStringType");
-#ifndef KELMSG_BENCH_RAWMQTTCLIENT_H_
-#define KELMSG_BENCH_RAWMQTTCLIENT_H_
+#ifndef KELMSG_LAUNCH_RAWMQTTCLIENT_H_
+#define KELMSG_LAUNCH_RAWMQTTCLIENT_H_
 
 #include <chrono>
 #include <condition_variable>
@@ -69,4 +69,4 @@ class RawMqttClient {
   std::set<int> m_earlyAcknowledgements;  // acknowledged before Publish recorded them
 };
 
-#endif  // KELMSG_BENCH_RAWMQTTCLIENT_H_
+#endif  // KELMSG_LAUNCH_RAWMQTTCLIENT_H_
