@@ -31,8 +31,13 @@ std::string Format(double value, BenchUnit unit) {
 std::string Goal(const BenchRow& row, double ratio) {
   if (row.goal == BenchGoal::kNone)
     return "";
-  const bool met = row.goal == BenchGoal::kAtMost ? ratio <= row.goalRatio : ratio >= row.goalRatio;
   char text[64];
+  if (row.goal == BenchGoal::kFigureBelow) {
+    std::snprintf(text, sizeof text, "figure < %s: %s", Format(row.goalRatio, row.unit).c_str(),
+                  row.figure < row.goalRatio ? "met" : "MISSED");
+    return text;
+  }
+  const bool met = row.goal == BenchGoal::kAtMost ? ratio <= row.goalRatio : ratio >= row.goalRatio;
   std::snprintf(text, sizeof text, "%s %.2f: %s",
                 row.goal == BenchGoal::kAtMost ? "<=" : ">=", row.goalRatio,
                 met ? "met" : "MISSED");

@@ -15,8 +15,9 @@ enum class BenchUnit {
   kBytes,           // printed in MiB
 };
 
-// Which way a ratio must lie to meet its goal.
-enum class BenchGoal { kNone, kAtMost, kAtLeast };
+// Which way a ratio must lie to meet its goal, or, for kFigureBelow, the
+// figure itself (a limit in the figure's unit).
+enum class BenchGoal { kNone, kAtMost, kAtLeast, kFigureBelow };
 
 struct BenchRow {
   std::string what;
@@ -25,7 +26,7 @@ struct BenchRow {
   double baselineFigure = 0;  // same unit as `figure`
   BenchUnit unit = BenchUnit::kSeconds;
   BenchGoal goal = BenchGoal::kNone;
-  double goalRatio = 0;  // figure / baselineFigure is compared with this
+  double goalRatio = 0;  // figure / baselineFigure, or the figure, is compared with this
 };
 
 // Writes the row as one line of a Markdown table.

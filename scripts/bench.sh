@@ -7,6 +7,8 @@
 #   scripts/bench.sh --file-size 268435456 --repeat 1
 #
 # Arguments go to kelmsg_file_transfer_bench: --file-size BYTES, --repeat N.
+# The stalled-receiver rows push and pull 2 GiB with the receiver stopped
+# 60 s; KELMSG_BENCH_STALL_SECONDS=5 shortens the stop for a quick check.
 # Not part of the test command.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,7 +17,7 @@ scripts/install-deps.sh
 cmake --preset default >/dev/null
 log=build/default/bench-build.log
 if ! cmake --build --preset default --target kelmsg_inprocess_bench kelbus_bench \
-  kelmsg_file_transfer_bench >"$log" 2>&1; then
+  kelmsg_file_transfer_bench kelmsg_stalled_receiver_bench >"$log" 2>&1; then
   cat "$log"
   exit 1
 fi
@@ -25,3 +27,4 @@ echo "|---|---|---|---|---|---|"
 build/default/bench/kelmsg_inprocess_bench
 build/default/bench/kelbus_bench
 build/default/bench/kelmsg_file_transfer_bench "$@"
+build/default/bench/kelmsg_stalled_receiver_bench --stall-seconds "${KELMSG_BENCH_STALL_SECONDS:-60}"

@@ -27,6 +27,7 @@ class TestBroker {
   // Why the broker is not running.
   const std::string& Error() const { return m_broker->Error(); }
   int Port() const { return m_broker->Port(); }
+  pid_t Pid() const { return m_broker->Pid(); }
   // mqtt://127.0.0.1:<port>/<nameSpace>, or with TLS and passwords
   // mqtts://<user>@127.0.0.1:<port>/<nameSpace>
   std::string Url(const std::string& nameSpace = "kelbus") const;

@@ -1,0 +1,329 @@
+// A receiver that stops consuming: real `kelmsg serve`, `push` and `pull`
+// processes on a private broker, the receiving process stopped (SIGSTOP)
+// half-way through a large file and continued after a while.  The file must
+// arrive byte-identical; the broker and the receiving process may grow by a
+// bounded amount only, and the sender must not grow while it waits.
+//
+//   kelmsg_stalled_receiver_bench [--file-size BYTES] [--stall-seconds N]
+//
+// Resident sizes are sampled from /proc every few milliseconds; a process
+// that is still alive at the end also reports its exact peak (VmHWM).
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchTable.h"
+#include "ChildProcess.h"
+#include "TestBroker.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr double kMiB = 1024.0 * 1024.0;
+constexpr double kGrowthLimit = 64 * kMiB;
+constexpr auto kSampleInterval = std::chrono::milliseconds(5);
+constexpr auto kServerStart = std::chrono::seconds(10);
+
+struct Settings {
+  std::uintmax_t fileSize = 2048ull * 1024 * 1024;
+  int stallSeconds = 60;
+};
+
+[[noreturn]] void Die(const std::string& why) {
+  std::fprintf(stderr, "kelmsg_stalled_receiver_bench: %s\n", why.c_str());
+  std::exit(1);
+}
+
+// A field of /proc/PID/status in bytes ("VmRSS", "VmHWM"), or nothing once
+// the process is gone.
+std::optional<double> StatusBytes(pid_t pid, const std::string& field) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with(field + ":"))
+      return std::strtod(line.c_str() + field.size() + 1, nullptr) * 1024.0;
+  }
+  return std::nullopt;
+}
+
+// The highest resident size of each watched process since it was watched or
+// last reset, sampled on a thread of its own.
+class ResidentSampler {
+ public:
+  ResidentSampler() : m_thread([this] { Run(); }) {}
+  ~ResidentSampler() {
+    m_stop = true;
+    m_thread.join();
+  }
+  ResidentSampler(const ResidentSampler&) = delete;
+  ResidentSampler& operator=(const ResidentSampler&) = delete;
+
+  void Watch(pid_t pid) {
+    std::lock_guard lock(m_mutex);
+    m_peaks[pid] = StatusBytes(pid, "VmRSS").value_or(0);
+  }
+  double Peak(pid_t pid) {
+    std::lock_guard lock(m_mutex);
+    double peak = m_peaks[pid];
+    if (const auto exact = StatusBytes(pid, "VmHWM"))
+      peak = std::max(peak, *exact);
+    return peak;
+  }
+  // The sampled peak only: the kernel's exact one cannot be reset, nor read
+  // once the process has gone.
+  double SampledPeak(pid_t pid) {
+    std::lock_guard lock(m_mutex);
+    return m_peaks[pid];
+  }
+  // Starts the sampled peak anew from the present size.
+  void Reset(pid_t pid) {
+    std::lock_guard lock(m_mutex);
+    m_peaks[pid] = StatusBytes(pid, "VmRSS").value_or(0);
+  }
+
+ private:
+  void Run() {
+    while (!m_stop) {
+      {
+        std::lock_guard lock(m_mutex);
+        for (auto& [pid, peak] : m_peaks) {
+          if (const auto now = StatusBytes(pid, "VmRSS"))
+            peak = std::max(peak, *now);
+        }
+      }
+      std::this_thread::sleep_for(kSampleInterval);
+    }
+  }
+
+  std::mutex m_mutex;
+  std::map<pid_t, double> m_peaks;
+  std::atomic<bool> m_stop{false};
+  std::thread m_thread;
+};
+
+double ResidentBytes(pid_t pid) {
+  return StatusBytes(pid, "VmRSS").value_or(0);
+}
+
+// Bytes in the regular files of `directory` except `leaveOut`: the
+// receiver's file, whatever it is called while it grows.
+std::uintmax_t BytesArrived(const fs::path& directory, const std::string& leaveOut) {
+  std::uintmax_t total = 0;
+  std::error_code error;
+  for (fs::directory_iterator entry(directory, error); !error && entry != fs::directory_iterator();
+       entry.increment(error)) {
+    std::error_code goneMeanwhile;
+    if (entry->path().filename() != leaveOut && entry->is_regular_file(goneMeanwhile))
+      total += entry->file_size(goneMeanwhile);
+  }
+  return total;
+}
+
+void WriteSourceFile(const fs::path& path, std::uintmax_t size) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr)
+    Die("cannot create " + path.string());
+  std::vector<std::uint32_t> block(256 * 1024);
+  std::uint32_t word = 7;
+  for (std::uintmax_t written = 0; written < size; written += block.size() * 4) {
+    for (std::uint32_t& value : block)
+      value = word = word * 1664525u + 1013904223u;
+    std::fwrite(block.data(), 1, std::min<std::uintmax_t>(block.size() * 4, size - written), file);
+  }
+  std::fclose(file);
+}
+
+bool SameBytes(const fs::path& one, const fs::path& other) {
+  return ChildProcess::Exec({"/usr/bin/cmp", "-s", one.string(), other.string()})
+             .ExitCode(std::chrono::minutes(5)) == 0;
+}
+
+// `kelmsg serve` in `directory`, once it says it serves.
+ChildProcess StartServer(const fs::path& directory) {
+  const fs::path log = directory.parent_path() / "serve.log";
+  fs::remove(log);  // the line of an earlier server would pass for this one's
+  ChildProcess server =
+      ChildProcess::Exec({KELMSG_TOOL, "serve", "holder", "--dir", directory.string()}, log);
+  const auto deadline = std::chrono::steady_clock::now() + kServerStart;
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::ifstream text(log);
+    std::string line;
+    if (std::getline(text, line) && line.starts_with("serving files"))
+      return server;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  Die("kelmsg serve did not start; see " + log.string());
+}
+
+enum class Direction { kPush, kPull };
+
+// Figures of one stalled transfer, in bytes and seconds.
+struct StallFigures {
+  bool identical = false;
+  std::string failure;  // why the client failed, empty when it exited 0
+  double seconds = 0;
+  double brokerBefore = 0, brokerPeak = 0;
+  double receiverBefore = 0, receiverPeak = 0;
+  double senderBeforeStop = 0, senderPeakAfterStop = 0;
+};
+
+// The directories of one run: the server's and the client's, the source
+// file linked into both, so that either side can send it.
+struct Scene {
+  fs::path server, client;
+};
+
+class StalledTransfer {
+ public:
+  StalledTransfer(const Settings& settings, const TestBroker& broker, const Scene& scene)
+      : m_settings(settings), m_broker(broker), m_scene(scene) {}
+
+  StallFigures Run(Direction direction) {
+    ChildProcess server = StartServer(m_scene.server);
+    m_sampler.Watch(server.Pid());
+    m_sampler.Watch(m_broker.Pid());
+    StallFigures figures;
+    figures.brokerBefore = ResidentBytes(m_broker.Pid());
+    const bool push = direction == Direction::kPush;
+    const double start = Now();
+    ChildProcess client = StartClient(push ? "push" : "pull");
+    m_sampler.Watch(client.Pid());
+    ChildProcess& receiver = push ? server : client;
+    ChildProcess& sender = push ? client : server;
+    // The client's own start is the receiver's baseline when it pulls: a
+    // pull of a small file first gives the size of a pulling process.
+    figures.receiverBefore = push ? ResidentBytes(server.Pid()) : m_pullerBaseline;
+
+    const fs::path& arrivals = push ? m_scene.server : m_scene.client;
+    while (BytesArrived(arrivals, "source.dat") < m_settings.fileSize / 2 && client.Running())
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    receiver.Signal(SIGSTOP);
+    figures.senderBeforeStop = m_sampler.SampledPeak(sender.Pid());
+    m_sampler.Reset(sender.Pid());
+    std::this_thread::sleep_for(std::chrono::seconds(m_settings.stallSeconds));
+    receiver.Signal(SIGCONT);
+
+    const std::optional<int> code = client.ExitCode(std::chrono::minutes(10));
+    figures.seconds = Now() - start;
+    figures.brokerPeak = m_sampler.Peak(m_broker.Pid());
+    figures.receiverPeak = m_sampler.Peak(receiver.Pid());
+    figures.senderPeakAfterStop = m_sampler.SampledPeak(sender.Pid());
+    if (code != 0)
+      figures.failure = "the client exited with " + (code ? std::to_string(*code) : "a signal");
+    const fs::path target = arrivals / "target.dat";
+    figures.identical = SameBytes(m_scene.client / "source.dat", target);
+    fs::remove(target);
+    return figures;
+  }
+
+  // The peak resident size of a pull of a small file from the server.
+  void MeasurePullerBaseline() {
+    WriteSourceFile(m_scene.server / "small.dat", 1 << 20);
+    ChildProcess server = StartServer(m_scene.server);
+    ChildProcess client = StartClient("pull", "small.dat");
+    m_sampler.Watch(client.Pid());
+    client.ExitCode(std::chrono::minutes(1));
+    m_pullerBaseline = m_sampler.SampledPeak(client.Pid());
+    fs::remove(m_scene.server / "small.dat");
+    fs::remove(m_scene.client / "target.dat");
+  }
+
+ private:
+  static double Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
+
+  // The client waits longer than the stall for the next chunk or the receipt.
+  ChildProcess StartClient(const char* command, const std::string& source = "source.dat") {
+    const std::string patience = std::to_string(m_settings.stallSeconds + 60);
+    const fs::path log = m_scene.client.parent_path() / (std::string(command) + ".log");
+    return ChildProcess::Exec({KELMSG_TOOL, command, "holder", source, "target.dat", "--base",
+                               m_scene.client.string(), "--timeout", patience},
+                              log);
+  }
+
+  const Settings& m_settings;
+  const TestBroker& m_broker;
+  const Scene& m_scene;
+  ResidentSampler m_sampler;
+  double m_pullerBaseline = 0;
+};
+
+void PrintStallRows(const Settings& settings, const char* way, const StallFigures& figures) {
+  const std::string what = std::string("stalled receiver: ") + way + " " +
+                           std::to_string(settings.fileSize >> 20) + " MiB, receiver stopped " +
+                           std::to_string(settings.stallSeconds) + " s (" +
+                           (figures.identical ? "byte-identical" : "DIFFERENT") +
+                           (figures.failure.empty() ? "" : ", " + figures.failure) + ")";
+  PrintBenchRow({what + ": time", figures.seconds, "the stop", double(settings.stallSeconds),
+                 BenchUnit::kSeconds});
+  PrintBenchRow({what + ": broker peak RSS growth", figures.brokerPeak - figures.brokerBefore,
+                 "broker RSS before", figures.brokerBefore, BenchUnit::kBytes,
+                 BenchGoal::kFigureBelow, kGrowthLimit});
+  PrintBenchRow({what + ": receiving process peak RSS growth",
+                 figures.receiverPeak - figures.receiverBefore,
+                 std::string(way) == "push" ? "its RSS before" : "peak RSS of a 1 MiB pull",
+                 figures.receiverBefore, BenchUnit::kBytes, BenchGoal::kFigureBelow, kGrowthLimit});
+  PrintBenchRow({what + ": sender peak RSS from the stop on", figures.senderPeakAfterStop,
+                 "sender peak RSS before the stop", figures.senderBeforeStop, BenchUnit::kBytes,
+                 BenchGoal::kAtMost, 1.05});
+}
+
+Settings Parse(int argc, char** argv) {
+  Settings settings;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string flag = argv[i];
+    if (flag == "--file-size") {
+      settings.fileSize = std::strtoull(argv[i + 1], nullptr, 10);
+    } else if (flag == "--stall-seconds") {
+      settings.stallSeconds = std::max(0, std::atoi(argv[i + 1]));
+    } else {
+      std::fprintf(stderr,
+                   "usage: kelmsg_stalled_receiver_bench [--file-size BYTES] "
+                   "[--stall-seconds N]\n");
+      std::exit(2);
+    }
+  }
+  return settings;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Settings settings = Parse(argc, argv);
+  const TestBroker broker;
+  if (!broker.Running())
+    Die(broker.Error());
+  broker.ExportUrl("bench");
+
+  const fs::path directory =
+      fs::temp_directory_path() / ("kelmsg-stall-bench-" + std::to_string(getpid()));
+  const Scene scene{directory / "server", directory / "client"};
+  fs::create_directories(scene.server);
+  fs::create_directories(scene.client);
+  WriteSourceFile(scene.client / "source.dat", settings.fileSize);
+  fs::create_hard_link(scene.client / "source.dat", scene.server / "source.dat");
+  sync();
+
+  StalledTransfer transfer(settings, broker, scene);
+  transfer.MeasurePullerBaseline();
+  PrintStallRows(settings, "push", transfer.Run(Direction::kPush));
+  PrintStallRows(settings, "pull", transfer.Run(Direction::kPull));
+  fs::remove_all(directory);
+  return 0;
+}
