@@ -133,6 +133,20 @@ std::uintmax_t BytesArrived(const fs::path& directory, const std::string& leaveO
   return total;
 }
 
+// The last line of a client's output: its verdict, after progress lines
+// that end in carriage returns.
+std::string LastLine(const fs::path& log) {
+  std::ifstream text(log);
+  std::string line, last;
+  while (std::getline(text, line)) {
+    if (const std::size_t carriage = line.find_last_of('\r'); carriage != std::string::npos)
+      line.erase(0, carriage + 1);
+    if (!line.empty())
+      last = line;
+  }
+  return last;
+}
+
 void WriteSourceFile(const fs::path& path, std::uintmax_t size) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
   if (file == nullptr)
@@ -153,11 +167,13 @@ bool SameBytes(const fs::path& one, const fs::path& other) {
 }
 
 // `kelmsg serve` in `directory`, once it says it serves.
-ChildProcess StartServer(const fs::path& directory) {
+// Each run serves under a name of its own: a server's name stays held for
+// the departure delay after it has gone.
+ChildProcess StartServer(const fs::path& directory, const std::string& name) {
   const fs::path log = directory.parent_path() / "serve.log";
   fs::remove(log);  // the line of an earlier server would pass for this one's
   ChildProcess server =
-      ChildProcess::Exec({KELMSG_TOOL, "serve", "holder", "--dir", directory.string()}, log);
+      ChildProcess::Exec({KELMSG_TOOL, "serve", name, "--dir", directory.string()}, log);
   const auto deadline = std::chrono::steady_clock::now() + kServerStart;
   while (std::chrono::steady_clock::now() < deadline) {
     std::ifstream text(log);
@@ -193,14 +209,15 @@ class StalledTransfer {
       : m_settings(settings), m_broker(broker), m_scene(scene) {}
 
   StallFigures Run(Direction direction) {
-    ChildProcess server = StartServer(m_scene.server);
+    const bool push = direction == Direction::kPush;
+    const std::string name = push ? "push-server" : "pull-server";
+    ChildProcess server = StartServer(m_scene.server, name);
     m_sampler.Watch(server.Pid());
     m_sampler.Watch(m_broker.Pid());
     StallFigures figures;
     figures.brokerBefore = ResidentBytes(m_broker.Pid());
-    const bool push = direction == Direction::kPush;
     const double start = Now();
-    ChildProcess client = StartClient(push ? "push" : "pull");
+    ChildProcess client = StartClient(push ? "push" : "pull", name);
     m_sampler.Watch(client.Pid());
     ChildProcess& receiver = push ? server : client;
     ChildProcess& sender = push ? client : server;
@@ -223,7 +240,7 @@ class StalledTransfer {
     figures.receiverPeak = m_sampler.Peak(receiver.Pid());
     figures.senderPeakAfterStop = m_sampler.SampledPeak(sender.Pid());
     if (code != 0)
-      figures.failure = "the client exited with " + (code ? std::to_string(*code) : "a signal");
+      figures.failure = LastLine(ClientLog(push ? "push" : "pull"));
     const fs::path target = arrivals / "target.dat";
     figures.identical = SameBytes(m_scene.client / "source.dat", target);
     fs::remove(target);
@@ -233,8 +250,8 @@ class StalledTransfer {
   // The peak resident size of a pull of a small file from the server.
   void MeasurePullerBaseline() {
     WriteSourceFile(m_scene.server / "small.dat", 1 << 20);
-    ChildProcess server = StartServer(m_scene.server);
-    ChildProcess client = StartClient("pull", "small.dat");
+    ChildProcess server = StartServer(m_scene.server, "small-server");
+    ChildProcess client = StartClient("pull", "small-server", "small.dat");
     m_sampler.Watch(client.Pid());
     client.ExitCode(std::chrono::minutes(1));
     m_pullerBaseline = m_sampler.SampledPeak(client.Pid());
@@ -248,11 +265,16 @@ class StalledTransfer {
         .count();
   }
 
+  fs::path ClientLog(const std::string& command) const {
+    return m_scene.client.parent_path() / (command + ".log");
+  }
+
   // The client waits longer than the stall for the next chunk or the receipt.
-  ChildProcess StartClient(const char* command, const std::string& source = "source.dat") {
+  ChildProcess StartClient(const char* command, const std::string& server,
+                           const std::string& source = "source.dat") {
     const std::string patience = std::to_string(m_settings.stallSeconds + 60);
-    const fs::path log = m_scene.client.parent_path() / (std::string(command) + ".log");
-    return ChildProcess::Exec({KELMSG_TOOL, command, "holder", source, "target.dat", "--base",
+    const fs::path log = ClientLog(command);
+    return ChildProcess::Exec({KELMSG_TOOL, command, server, source, "target.dat", "--base",
                                m_scene.client.string(), "--timeout", patience},
                               log);
   }
@@ -264,10 +286,15 @@ class StalledTransfer {
   double m_pullerBaseline = 0;
 };
 
+int DepartureDelay(const Settings& settings) {
+  return settings.stallSeconds + 30;
+}
+
 void PrintStallRows(const Settings& settings, const char* way, const StallFigures& figures) {
   const std::string what = std::string("stalled receiver: ") + way + " " +
                            std::to_string(settings.fileSize >> 20) + " MiB, receiver stopped " +
-                           std::to_string(settings.stallSeconds) + " s (" +
+                           std::to_string(settings.stallSeconds) + " s, departure delay " +
+                           std::to_string(DepartureDelay(settings)) + " s (" +
                            (figures.identical ? "byte-identical" : "DIFFERENT") +
                            (figures.failure.empty() ? "" : ", " + figures.failure) + ")";
   PrintBenchRow({what + ": time", figures.seconds, "the stop", double(settings.stallSeconds),
@@ -310,6 +337,10 @@ int main(int argc, char** argv) {
   if (!broker.Running())
     Die(broker.Error());
   broker.ExportUrl("bench");
+  // A process silent for longer than 1.5 keepalives plus the departure delay
+  // is taken for departed, and its peer gives the transfer up: the stop
+  // must stay within what the bus is told to tolerate.
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", std::to_string(DepartureDelay(settings)).c_str(), 1);
 
   const fs::path directory =
       fs::temp_directory_path() / ("kelmsg-stall-bench-" + std::to_string(getpid()));

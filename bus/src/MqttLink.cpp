@@ -409,6 +409,8 @@ void MqttLink::Connected(int reason) {
       m_refused = true;
       return;
     }
+    if (m_address.kind == BusAddress::Kind::kMqtts)
+      KeepTlsBuffers(m_mosq);
     restored = m_everUp;
     m_everUp = true;
     m_backoff = kFirstBackoff;

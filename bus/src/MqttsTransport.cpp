@@ -1,6 +1,7 @@
 // mqtts://: the MQTT transport over TLS.  Its links see the scheme in their
 // address and call SetUpTls; everything else is the MQTT transport's.
 #include <mosquitto.h>
+#include <openssl/ssl.h>
 
 #include <string>
 
@@ -57,6 +58,11 @@ KelBusResult SetUpTls(mosquitto* mosq, const TlsFiles& files) {
                 std::string("cannot set up TLS: ") + mosquitto_strerror(result));
   }
   return KELBUS_OK;
+}
+
+void KeepTlsBuffers(mosquitto* mosq) {
+  if (auto* connection = static_cast<SSL*>(mosquitto_ssl_get(mosq)))
+    SSL_clear_mode(connection, SSL_MODE_RELEASE_BUFFERS);
 }
 
 std::string TakeTlsFailure() {

@@ -22,6 +22,11 @@ namespace kelbus {
 // the reason is the calling thread's last error.
 KelBusResult SetUpTls(mosquitto* mosq, const TlsFiles& files);
 
+// Lets the TLS connection of `mosq`, once made, keep its record buffers
+// between records: libmosquitto has OpenSSL free and allocate them again
+// around every record, which costs a busy link more than the encryption.
+void KeepTlsBuffers(mosquitto* mosq);
+
 // Why the last TLS handshake or set-up on this thread failed, in the words of
 // OpenSSL and libmosquitto, with a hint for a certificate that is not
 // trusted; forgets it.
