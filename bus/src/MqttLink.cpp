@@ -336,13 +336,15 @@ int MqttLink::Step(int timeoutMs) {
   // libmosquitto goes on with a TLS handshake only in mosquitto_loop_read,
   // also when the handshake waits for the socket to become writable.
   const short handshake = m_address.kind == BusAddress::Kind::kMqtts ? POLLOUT : 0;
-  if ((watched[0].revents & (POLLIN | POLLERR | POLLHUP | handshake)) != 0) {
+  const bool readable = (watched[0].revents & (POLLIN | POLLERR | POLLHUP | handshake)) != 0;
+  if (readable) {
     if (const int result = mosquitto_loop_read(m_mosq, 1); result != MOSQ_ERR_SUCCESS)
       return result;
   }
-  // Packets queued by other threads since the poll began are written now,
-  // not a round later.
-  if ((watched[0].revents & POLLOUT) != 0 || (woken && mosquitto_want_write(m_mosq))) {
+  // Packets queued since the poll began, by other threads or by the read
+  // (acknowledgements), are written now, not a round later.
+  if ((watched[0].revents & POLLOUT) != 0 ||
+      ((woken || readable) && mosquitto_want_write(m_mosq))) {
     if (const int result = mosquitto_loop_write(m_mosq, 1); result != MOSQ_ERR_SUCCESS)
       return result;
   }
