@@ -35,6 +35,7 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 
+#include "BenchSourceFile.h"
 #include "BenchTable.h"
 #include "ChildProcess.h"
 #include "RawMqttClient.h"
@@ -330,18 +331,6 @@ double CopySeconds(const FileNames& files) {
   return Now() - start;
 }
 
-void WriteSourceFile(const std::string& path, std::uintmax_t size) {
-  std::FILE* file = std::fopen(path.c_str(), "wb");
-  std::vector<std::uint32_t> block(256 * 1024);
-  std::uint32_t word = 1;
-  for (std::uintmax_t written = 0; written < size; written += block.size() * 4) {
-    for (std::uint32_t& value : block)
-      value = word = word * 1664525u + 1013904223u;
-    std::fwrite(block.data(), 1, std::min<std::uintmax_t>(block.size() * 4, size - written), file);
-  }
-  std::fclose(file);
-}
-
 void CheckCopy(const FileNames& files, std::uintmax_t size, const char* what) {
   if (fs::file_size(files.directory + "/" + files.target) != size)
     std::fprintf(stderr, "kelmsg_file_transfer_bench: %s delivered a file of the wrong size\n",
@@ -358,8 +347,11 @@ void FileTransferRows(const Settings& settings, const TestBroker& broker,
   const FileNames files{directory.string(), "source.dat", "target.dat"};
   const FileNames smallFiles{directory.string(), "small.dat", "target.dat"};
   const std::uintmax_t size = settings.fileSize;
-  WriteSourceFile(files.directory + "/" + files.source, size);
-  WriteSourceFile(files.directory + "/" + smallFiles.source, size / 16);
+  if (!WriteBenchSourceFile(files.directory + "/" + files.source, size) ||
+      !WriteBenchSourceFile(files.directory + "/" + smallFiles.source, size / 16)) {
+    std::fprintf(stderr, "kelmsg_file_transfer_bench: cannot write the files to send\n");
+    std::exit(1);
+  }
   // Otherwise the sources' write-back competes with whichever runs come
   // first, and those are the raw baseline's.
   sync();

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchSourceFile.h"
 #include "BenchTable.h"
 #include "ChildProcess.h"
 #include "TestBroker.h"
@@ -72,7 +73,10 @@ class ResidentSampler {
   ResidentSampler(const ResidentSampler&) = delete;
   ResidentSampler& operator=(const ResidentSampler&) = delete;
 
+  // Watches `pid` from now on: the kernel's peak starts anew as well, so
+  // that a broker's earlier runs do not count.
   void Watch(pid_t pid) {
+    std::ofstream("/proc/" + std::to_string(pid) + "/clear_refs") << "5";
     std::lock_guard lock(m_mutex);
     m_peaks[pid] = StatusBytes(pid, "VmRSS").value_or(0);
   }
@@ -145,20 +149,6 @@ std::string LastLine(const fs::path& log) {
       last = line;
   }
   return last;
-}
-
-void WriteSourceFile(const fs::path& path, std::uintmax_t size) {
-  std::FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr)
-    Die("cannot create " + path.string());
-  std::vector<std::uint32_t> block(256 * 1024);
-  std::uint32_t word = 7;
-  for (std::uintmax_t written = 0; written < size; written += block.size() * 4) {
-    for (std::uint32_t& value : block)
-      value = word = word * 1664525u + 1013904223u;
-    std::fwrite(block.data(), 1, std::min<std::uintmax_t>(block.size() * 4, size - written), file);
-  }
-  std::fclose(file);
 }
 
 bool SameBytes(const fs::path& one, const fs::path& other) {
@@ -259,7 +249,8 @@ class StalledTransfer {
 
   // The peak resident size of a pull of a small file from the server.
   void MeasurePullerBaseline() {
-    WriteSourceFile(m_scene.server / "small.dat", 1 << 20);
+    if (!WriteBenchSourceFile(m_scene.server / "small.dat", 1 << 20))
+      Die("cannot write the small file to send");
     ChildProcess server = StartServer(m_scene.server, "small-server");
     ChildProcess client = StartClient("pull", "small-server", "small.dat");
     m_sampler.Watch(client.Pid());
@@ -358,7 +349,8 @@ int main(int argc, char** argv) {
   const Scene scene{directory / "server", directory / "client"};
   fs::create_directories(scene.server);
   fs::create_directories(scene.client);
-  WriteSourceFile(scene.client / "source.dat", settings.fileSize);
+  if (!WriteBenchSourceFile(scene.client / "source.dat", settings.fileSize))
+    Die("cannot write the file to send in " + scene.client.string());
   fs::create_hard_link(scene.client / "source.dat", scene.server / "source.dat");
   sync();
 
