@@ -209,8 +209,10 @@ int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName
         fileName, isSender ? 1 : 0, descriptor);
   if (descriptor < 0)
     Trace(4, "KelMsgFileTransfer::OpenFile Opening file %s Failed\n", fileName);
-  if (descriptor < 0 && KelMsgConfinement::Refused(error)) {
-    Trace(1, "refused %s for application %s: %s\n", fileName, applicationId,
+  if (descriptor < 0 && KelMsgConfinement::Refused(error) && isSender)
+    Trace(1, "refused to read %s: %s\n", fileName, KelMsgConfinement::Describe(error));
+  if (descriptor < 0 && KelMsgConfinement::Refused(error) && !isSender) {
+    Trace(1, "refused to write %s from application %s: %s\n", fileName, applicationId,
           KelMsgConfinement::Describe(error));
   }
   if (isSender) {
