@@ -109,8 +109,8 @@ TEST(KelMsgConfinedFiles, StrangersReachNoFileBeyondTheServedDirectoriesAndServi
     for (const int sent : {kChunk, kEnd})
       if (step == kPush)
         stranger.Send(victim, sent, "mallory");
-    const int answered = ++answers[step - kPull];
-    EXPECT_TRUE(Eventually([&] { return stranger.steps[step + 4] == answered; }));
+    const int answered = ++answers[step - kPull], answer = step + 4;
+    EXPECT_TRUE(Eventually([&] { return stranger.steps[answer] == answered; }));
     EXPECT_EQ(stranger.steps[kChunk], 0);
   }
   EXPECT_EQ(ReadFile(secret), "secret\n");
