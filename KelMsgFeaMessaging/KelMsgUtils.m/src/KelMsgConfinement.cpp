@@ -141,7 +141,9 @@ int KelMsgConfinement::OpenBeneath(const std::string& path, int flags, int mode)
       how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
       const long descriptor =
           syscall(SYS_openat2, root.descriptor, relative.c_str(), &how, sizeof how);
-      if (descriptor >= 0 || errno != ENOSYS)
+      // Some container runtimes' syscall filters answer EPERM for calls
+      // they do not know; the walk is no less strict, so it may retry.
+      if (descriptor >= 0 || (errno != ENOSYS && errno != EPERM))
         return static_cast<int>(descriptor);
     }
     return OpenComponents(root.descriptor, relative, flags, mode);

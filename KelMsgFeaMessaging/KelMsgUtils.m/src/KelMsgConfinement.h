@@ -9,7 +9,8 @@
 // kernel lacks that call, each component is opened in turn without
 // following symbolic links, which refuses every link and every "..".
 // Whatever the roots, only regular files are opened: FIFOs, devices and
-// directories are refused with ENXIO, without ever blocking on them.
+// directories are refused with ENXIO (a directory opened for writing with
+// the system's EISDIR), without ever blocking on them.
 //
 // Paths are absolute and lexically normal, as KelMsgPathExplorer::FormPath
 // makes them.  A root counts under its name as given and under its real
@@ -25,7 +26,7 @@
 
 class KelMsgConfinement {
  public:
-  // kKernel falls back to kComponents when the kernel has no openat2.
+  // kKernel falls back to kComponents when openat2 is missing or filtered.
   enum class Resolution { kKernel, kComponents };
 
   explicit KelMsgConfinement(Resolution resolution = Resolution::kKernel);
