@@ -2,10 +2,11 @@
 // whether it sees the monitor's job directory, takes the input deck the
 // monitor pushes, "runs" while reporting progress as analysis messages,
 // writes a result file, serves the monitor's pull of it, and leaves when it
-// is sent a soft kill.
+// is sent a soft kill.  Peers read and write only beneath BASE_DIR.
 //
 //   kelmsg_solver BASE_DIR JOB_DIR
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -81,7 +82,12 @@ int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
   // The engine outlives `bus`, whose registry deletes the handler that points at it.
+  // Peers reach no file outside the base directory.
   KelMsgFileTransfer files(-1, nullptr, 0);
+  if (const int error = files.ConfineTo(base); error != 0) {
+    std::fprintf(stderr, "solver: cannot serve files from %s: %s\n", base, std::strerror(error));
+    return 1;
+  }
   SuiteProcess bus("solver");
   files.SetCommunicatorId(bus.Communicator());
   bus.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&files));

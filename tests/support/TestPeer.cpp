@@ -1,12 +1,13 @@
 // kelmsg_test_peer: a process that the file-transfer tests start and steer
 // (see PeerController).
 //
-//   kelmsg_test_peer APP CONTROLLER [--id ID]
+//   kelmsg_test_peer APP CONTROLLER [--id ID | --confine DIR]
 //
 // Joins the bus named by KELBUS_URL as APP, with ID (APP unless given) as its
-// message identifier, receives files with an engine of its own, tells
-// CONTROLLER "ready", and carries out the commands that arrive as raw string
-// messages (fields separated by '\n'):
+// message identifier, receives files with an engine of its own (working in
+// DIR and confined to it when given), tells CONTROLLER "ready", and carries
+// out the commands that arrive as raw string messages (fields separated by
+// '\n'):
 //   push + eight names   pushes a file with SendFile, then answers
 //                        "pushed <target file>";
 //   ipush + eight names  pushes a file with ISendFile, then answers
@@ -16,6 +17,8 @@
 //   quit                 leaves the waiting loop; the peer then leaves the bus
 //                        and exits normally, so that the leak checker, when
 //                        built in, looks at it.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <sstream>
@@ -69,12 +72,15 @@ class Commands : public KelMsgBBMessageHandler {
 
 int main(int argc, char** argv) {
   const bool withId = argc == 5 && std::strcmp(argv[3], "--id") == 0;
-  if (argc != 3 && !withId) {
-    std::fprintf(stderr, "usage: kelmsg_test_peer APP CONTROLLER [--id ID]\n");
+  const bool confined = argc == 5 && std::strcmp(argv[3], "--confine") == 0;
+  if (argc != 3 && !withId && !confined) {
+    std::fprintf(stderr, "usage: kelmsg_test_peer APP CONTROLLER [--id ID | --confine DIR]\n");
     return 2;
   }
   // Made first, the engine outlives the handler that the registry deletes.
   KelMsgFileTransfer files(-1, nullptr, 0);
+  if (confined && (chdir(argv[4]) != 0 || files.ConfineTo(argv[4]) != 0))
+    return 4;
   const KelMsgBBCallbackManager registry;  // deletes what is adopted below, last
   const KelMsgBBApplication bus(argv[1]);
   if (!bus.Joined())

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
+#include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
 #include <KelMsgFeaMessaging/KelMsgVerifiedTransfer.h>
@@ -29,10 +31,15 @@ namespace {
 // The level at which the server traces: a few lines per transfer step.
 constexpr int kServerTraceLevel = 1;
 
+// How often the server looks for received files left idle.
+constexpr std::chrono::seconds kIdleCheckPeriod{1};
+
 struct ServeOptions {
   std::string application;
   std::string directory;
   bool keepPartial = false;
+  bool unconfined = false;
+  int idleSeconds = KelMsgFileTransfer::kDefaultIdleSeconds;
 };
 
 // A file that outgrows the process's size limit makes the write fail with
@@ -60,18 +67,29 @@ void Serve(const ServeOptions& options) {
   if (!options.directory.empty() && chdir(options.directory.c_str()) != 0) {
     throw CommandFailure("cannot serve from " + options.directory + ": " + std::strerror(errno));
   }
+  if (options.unconfined) {
+    std::fprintf(stderr,
+                 "kelmsg serve: warning: unconfined: any application on the bus may read and "
+                 "write every file that this user can\n");
+  }
   StopSignals::Catch();
   ReportFileSizeLimits();
   Session session(options.application);
   KelMsgVerifiedTransfer files(session.Communicator(), session.Application(), stdout,
                                kServerTraceLevel, stdout);
   files.SetKeepPartial(options.keepPartial);
+  files.SetReceiveLimits(KelMsgFileTransfer::kDefaultMaxReceiveFiles, options.idleSeconds);
+  const std::string directory = fs::current_path();
+  const int error = options.unconfined ? 0 : files.ConfineTo(directory.c_str());
+  if (error != 0)
+    throw CommandFailure("cannot serve from " + directory + ": " + std::strerror(error));
   session.WatchDepartures(files.DepartureWatcher());
   int killed = -1;
   session.Handle(new KelMsgProcessControlType, new KillHandler(killed));
-  std::printf("serving files as %s from %s\n", session.Application(), fs::current_path().c_str());
+  std::printf("serving files as %s from %s\n", session.Application(), directory.c_str());
   std::fflush(stdout);
-  session.Wait(killed, {});
+  while (session.Wait(killed, kIdleCheckPeriod) == Session::WaitEnd::kTimedOut)
+    files.CloseIdleTransfers();
 }
 
 // One file between this process and a server: the server's application,
@@ -115,7 +133,7 @@ class TransferSession {
       : m_tap([&progress](int bytes) { progress.Add(bytes); }),
         m_session(options.application),
         m_files(m_session.Communicator(), m_session.Application(), m_tap.Stream(),
-                ChunkTap::kTraceLevel, nullptr) {
+                ChunkTap::kTraceLevel, stderr) {
     m_files.SetPatience(options.timeoutSeconds);
     m_files.SetKeepPartial(options.keepPartial);
     m_session.WatchDepartures(m_files.DepartureWatcher());
@@ -215,8 +233,21 @@ void AddFileCommands(CLI::App& app) {
       ->type_name("NAME");
   serveCommand
       ->add_option("--dir", serve->directory,
-                   "directory that relative names are read against (default: current)")
+                   "directory that relative names are read against, and beyond which peers "
+                   "may neither read nor write (default: current)")
       ->type_name("DIR");
+  serveCommand->add_flag("--unconfined", serve->unconfined,
+                         "let peers read and write files anywhere this user may, not only "
+                         "beneath --dir");
+  serveCommand
+      ->add_option("--idle-timeout", serve->idleSeconds,
+                   "close and remove a received file that nothing has reached for this many "
+                   "seconds; at most " +
+                       std::to_string(KelMsgFileTransfer::kDefaultMaxReceiveFiles) +
+                       " are open at once")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str()
+      ->type_name("SECONDS");
   AddKeepPartialFlag(*serveCommand, serve->keepPartial);
   serveCommand->callback([serve] { Serve(*serve); });
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <vector>
 
-#include <KelMsgFeaMessaging/KelBasFileOps.h>
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferObserver.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
@@ -15,6 +15,7 @@
 #include <KelMsgFeaMessaging/mem_Operators.h>
 
 #include "KelMsgCheck.h"
+#include "KelMsgConfinement.h"
 
 namespace {
 
@@ -30,6 +31,10 @@ constexpr int kAbandoned = -1;
 
 // Observes nothing, so that the engine never tests for an observer.
 KelMsgFileTransferObserver g_noObserver;
+
+// Opens the files that the application names itself: anywhere, but only
+// regular files.
+const KelMsgConfinement g_anywhere;
 
 // The errno of a call whose result says it failed, else 0.
 int ErrorOf(long long result) {
@@ -98,7 +103,11 @@ KelMsgFileTransfer::KelMsgFileTransfer(int communicatorId, FILE* traceStream, in
       m_endingCondition(-1),
       m_traceStream(traceStream == nullptr && traceLevel >= 1 ? stderr : traceStream),
       m_traceLevel(traceLevel),
-      m_observer(&g_noObserver) {
+      m_observer(&g_noObserver),
+      m_confinement(std::make_unique<KelMsgConfinement>()),
+      m_maxReceiveFiles(kDefaultMaxReceiveFiles),
+      m_idleSeconds(kDefaultIdleSeconds),
+      m_openReceiveFiles(0) {
   m_contentMsg = new KelMsgFileTransferType;
   KELMSG_ASSERT(m_contentMsg != NULL);
   m_contentMsg->Data().m_chunkData =
@@ -144,14 +153,68 @@ void KelMsgFileTransfer::TraceUnflushed(int level, const char* format, ...) cons
   va_end(arguments);
 }
 
+int KelMsgFileTransfer::ConfineTo(const char* directory) {
+  return m_confinement->AddRoot(directory);
+}
+
+int KelMsgFileTransfer::SetReceiveLimits(int maxOpenFiles, int idleSeconds) {
+  KELMSG_ASSERT(maxOpenFiles >= 1 && idleSeconds >= 0);
+  m_maxReceiveFiles = maxOpenFiles;
+  m_idleSeconds = idleSeconds;
+  return 0;
+}
+
+int KelMsgFileTransfer::CloseIdleFiles() {
+  if (m_idleSeconds == 0)
+    return 0;
+  const Clock::time_point before = Clock::now() - std::chrono::seconds(m_idleSeconds);
+  std::vector<std::string> idle;
+  for (const auto& [source, last] : m_lastReceived) {
+    if (last <= before)
+      idle.push_back(source);
+  }
+  for (const std::string& source : idle) {
+    Trace(1, "closing the file from %s: nothing came for %d s\n", source.c_str(), m_idleSeconds);
+    m_observer->ReceiveFileIdle(source.c_str(), m_idleSeconds);
+    const int descriptor = m_receiveFileMap.find(KelString(source.c_str()))->second;
+    if (descriptor >= 0)
+      close(descriptor);
+    ForgetReceived(source.c_str());
+  }
+  return static_cast<int>(idle.size());
+}
+
+int KelMsgFileTransfer::RenameReceivedFile(const char* from, const char* to) {
+  return ErrorOf(m_confinement->Rename(from, to));
+}
+
+int KelMsgFileTransfer::RemoveReceivedFile(const char* path) {
+  return ErrorOf(m_confinement->Remove(path));
+}
+
 int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName, bool isSender) {
-  const int descriptor =
-      KelBasFileOps::Open(fileName, isSender ? kSenderFlags : kReceiverFlags, kFileMode);
+  return OpenFile(applicationId, fileName, isSender,
+                  isSender ? Reach::kAnywhere : Reach::kConfined);
+}
+
+int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName, bool isSender,
+                                 Reach reach) {
+  const KelMsgConfinement& files = reach == Reach::kConfined ? *m_confinement : g_anywhere;
+  int descriptor = -1;
+  errno = EMFILE;
+  if (isSender || m_openReceiveFiles < m_maxReceiveFiles)
+    descriptor = files.Open(fileName, isSender ? kSenderFlags : kReceiverFlags, kFileMode);
   const int error = ErrorOf(descriptor);
   Trace(4, "::OpenFile applicationId %s fileName %s isSender %d fileId %d\n", applicationId,
         fileName, isSender ? 1 : 0, descriptor);
   if (descriptor < 0)
     Trace(4, "KelMsgFileTransfer::OpenFile Opening file %s Failed\n", fileName);
+  if (descriptor < 0 && KelMsgConfinement::Refused(error) && isSender)
+    Trace(1, "refused to read %s: %s\n", fileName, KelMsgConfinement::Describe(error));
+  if (descriptor < 0 && KelMsgConfinement::Refused(error) && !isSender) {
+    Trace(1, "refused to write %s from application %s: %s\n", fileName, applicationId,
+          KelMsgConfinement::Describe(error));
+  }
   if (isSender) {
     m_fileId = descriptor;
     m_observer->SendFileOpened(fileName, descriptor, error);
@@ -170,6 +233,9 @@ int KelMsgFileTransfer::OpenFile(const char* applicationId, const char* fileName
   }
   m_receiveFileMap.emplace(applicationId, descriptor);
   m_receiveFileChunkIdMap.emplace(applicationId, 0);
+  m_lastReceived[applicationId] = Clock::now();
+  if (descriptor >= 0)
+    ++m_openReceiveFiles;
   m_observer->ReceiveFileOpened(applicationId, fileName, descriptor, error);
   return 0;
 }
@@ -205,6 +271,17 @@ int KelMsgFileTransfer::Send(const char* sourceApplication, const char* sourceBa
                              const char* sourceJobDir, const char* sourceFileName,
                              const char* targetApplication, const char* targetBaseDir,
                              const char* targetJobDir, const char* targetFileName) {
+  // Called for a peer's send request: the peer names the file.
+  return SendContent(Reach::kConfined, sourceApplication, sourceBaseDir, sourceJobDir,
+                     sourceFileName, targetApplication, targetBaseDir, targetJobDir,
+                     targetFileName);
+}
+
+int KelMsgFileTransfer::SendContent(Reach reach, const char* sourceApplication,
+                                    const char* sourceBaseDir, const char* sourceJobDir,
+                                    const char* sourceFileName, const char* targetApplication,
+                                    const char* targetBaseDir, const char* targetJobDir,
+                                    const char* targetFileName) {
   KELMSG_ASSERT(m_contentMsg != NULL);
   const TransferNames names{sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
                             targetApplication, targetBaseDir, targetJobDir, targetFileName};
@@ -219,7 +296,7 @@ int KelMsgFileTransfer::Send(const char* sourceApplication, const char* sourceBa
     std::fflush(m_traceStream);
   }
   const KelString path = KelMsgPathExplorer::FormPath(sourceBaseDir, sourceJobDir, sourceFileName);
-  OpenFile(sourceApplication, path.GetUTF8(), true);
+  OpenFile(sourceApplication, path.GetUTF8(), true, reach);
 
   KelMsgFileTransferData& record = m_contentMsg->Data();
   for (ReadChunk(); record.m_chunkSize > 0; ReadChunk())
@@ -250,8 +327,8 @@ int KelMsgFileTransfer::SendNotifyAndContent(const char* sourceApplication,
   FillNames(announcement.Data(), {sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
                                   targetApplication, targetBaseDir, targetJobDir, targetFileName});
   KelMsgBBAPI::SendRequest(m_communicatorId, targetApplication, announcement);
-  Send(sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName, targetApplication,
-       targetBaseDir, targetJobDir, targetFileName);
+  SendContent(Reach::kAnywhere, sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
+              targetApplication, targetBaseDir, targetJobDir, targetFileName);
   return 0;
 }
 
@@ -368,6 +445,7 @@ int KelMsgFileTransfer::ReceiveChunk(const char* sourceApplication, int chunkId,
         sourceApplication);
     return 0;
   }
+  m_lastReceived[sourceApplication] = Clock::now();
   int& last = itr->second;
   if (last == kAbandoned)
     return 0;
@@ -415,12 +493,21 @@ int KelMsgFileTransfer::ReceiveISendCompletion(const char* sourceApplication) {
   if (!KELMSG_PEER_CHECK(itr != m_receiveFileMap.end()))
     return 0;
   CloseFile(itr->second);
-  m_receiveFileMap.erase(itr);
-  m_receiveFileChunkIdMap.erase(source);
+  ForgetReceived(sourceApplication);
   m_endingCondition = 0;
   m_contentMsg->Data().m_chunkId = 0;
-  m_observer->ReceiveFileClosed(sourceApplication);
   return 0;
+}
+
+void KelMsgFileTransfer::ForgetReceived(const char* source) {
+  const KelString key(source);
+  const auto itr = m_receiveFileMap.find(key);
+  if (itr->second >= 0)
+    --m_openReceiveFiles;
+  m_receiveFileMap.erase(itr);
+  m_receiveFileChunkIdMap.erase(key);
+  m_lastReceived.erase(source);
+  m_observer->ReceiveFileClosed(source);
 }
 
 int KelMsgFileTransfer::ReceiveSendCompletion(const char* sourceApplication) {

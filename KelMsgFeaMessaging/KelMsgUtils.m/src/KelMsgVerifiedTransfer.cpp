@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <KelMsgFeaMessaging/KelBus.h>
 #include <KelMsgFeaMessaging/KelMsgBBAPI.h>
@@ -23,6 +24,7 @@
 #include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 
 #include "KelMsgByteTally.h"
+#include "KelMsgConfinement.h"
 
 namespace {
 
@@ -99,8 +101,9 @@ struct Inbound {
   std::string finalPath;
   std::string partialPath;
   std::string partialName;
-  bool pulled = false;  // this side asked for it and waits
-  bool closed = false;  // the engine has closed and forgotten it
+  bool pulled = false;   // this side asked for it and waits
+  bool created = false;  // the engine opened the partial file, which is ours to remove
+  bool closed = false;   // the engine has closed and forgotten it
   KelMsgByteTally written;
   std::optional<Receipt> statement;
 };
@@ -135,6 +138,8 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   bool Pull(const char* source, const char* sourceBaseDir, const char* sourceJobDir,
             const char* sourceFileName, const char* targetBaseDir, const char* targetJobDir,
             const char* targetFileName);
+  void CloseIdle();
+  KelMsgFileTransfer& Engine() { return m_engine; }
 
   int m_patienceSeconds = 0;
   bool m_keepPartial = false;
@@ -177,11 +182,13 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   void ChunkWritten(const char* source, const void* data, int size, int written,
                     int error) override;
   void TransferAbandoned(const char* source) override;
+  void ReceiveFileIdle(const char* source, int seconds) override;
   void ReceiveFileClosed(const char* source) override;
 
   void OnFileTransfer(const KelMsgFileTransferType& msg, const char* id);
   void OnReceipt(const KelMsgTransferReceiptType& msg, const char* id);
   void PeerLeft(const char* application);
+  bool Admits(const char* id) const;
 
   void ServeRequest(const KelMsgFileTransferData& request, const char* id);
   void Announce(const KelMsgFileTransferData& notice);
@@ -209,6 +216,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   // The wait of a Push or a Pull.
   int m_waitFlag = kDone;
   std::string m_awaited;
+  std::string m_pulledFrom;  // while a Pull runs, the only peer heard
   std::optional<Receipt> m_receipt;
   bool m_pullVerified = false;
   Clock::time_point m_lastHeard;
@@ -217,21 +225,24 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
 void KelMsgVerifiedTransfer::Parts::SendFileOpened(const char* /*path*/, int descriptor,
                                                    int error) {
   if (descriptor < 0)
-    m_sent->Fail(Receipt::FAILURE_CANNOT_READ, std::strerror(error));
+    m_sent->Fail(Receipt::FAILURE_CANNOT_READ, KelMsgConfinement::Describe(error));
 }
 
 void KelMsgVerifiedTransfer::Parts::ChunkRead(const void* data, int bytes, int error) {
   if (bytes > 0)
     m_sent->Add(data, bytes);
   if (bytes < 0)
-    m_sent->Fail(Receipt::FAILURE_CANNOT_READ, std::strerror(error));
+    m_sent->Fail(Receipt::FAILURE_CANNOT_READ, KelMsgConfinement::Describe(error));
 }
 
 void KelMsgVerifiedTransfer::Parts::ReceiveFileOpened(const char* source, const char* /*path*/,
                                                       int descriptor, int error) {
   Inbound* inbound = Find(source);
-  if (inbound != nullptr && descriptor < 0)
-    inbound->written.Fail(Receipt::FAILURE_CANNOT_CREATE, std::strerror(error));
+  if (inbound == nullptr)
+    return;
+  inbound->created = descriptor >= 0;
+  if (descriptor < 0)
+    inbound->written.Fail(Receipt::FAILURE_CANNOT_CREATE, KelMsgConfinement::Describe(error));
 }
 
 void KelMsgVerifiedTransfer::Parts::ChunkWritten(const char* source, const void* data, int size,
@@ -253,6 +264,14 @@ void KelMsgVerifiedTransfer::Parts::TransferAbandoned(const char* source) {
     inbound->written.Fail(Receipt::FAILURE_ABANDONED, "chunks came out of sequence");
 }
 
+void KelMsgVerifiedTransfer::Parts::ReceiveFileIdle(const char* source, int seconds) {
+  if (Inbound* inbound = Find(source)) {
+    inbound->written.Fail(Receipt::FAILURE_ABANDONED, ("nothing came from " + std::string(source) +
+                                                       " for " + std::to_string(seconds) + " s")
+                                                          .c_str());
+  }
+}
+
 void KelMsgVerifiedTransfer::Parts::ReceiveFileClosed(const char* source) {
   if (Inbound* inbound = Find(source))
     inbound->closed = true;
@@ -260,6 +279,8 @@ void KelMsgVerifiedTransfer::Parts::ReceiveFileClosed(const char* source) {
 
 void KelMsgVerifiedTransfer::Parts::OnFileTransfer(const KelMsgFileTransferType& msg,
                                                    const char* id) {
+  if (!Admits(id))
+    return;
   m_lastHeard = Clock::now();
   const KelMsgFileTransferData& record = msg.Data();
   switch (record.m_dataType) {
@@ -280,6 +301,8 @@ void KelMsgVerifiedTransfer::Parts::OnFileTransfer(const KelMsgFileTransferType&
 
 void KelMsgVerifiedTransfer::Parts::OnReceipt(const KelMsgTransferReceiptType& msg,
                                               const char* id) {
+  if (!Admits(id))
+    return;
   m_lastHeard = Clock::now();
   switch (msg.Step()) {
     case KelMsgTransferReceiptType::RECEIPT_ASK:
@@ -309,6 +332,14 @@ void KelMsgVerifiedTransfer::Parts::PeerLeft(const char* application) {
   }
   if (m_awaited == application)
     m_waitFlag = kDone;
+}
+
+bool KelMsgVerifiedTransfer::Parts::Admits(const char* id) const {
+  if (m_pulledFrom.empty() || m_pulledFrom == id)
+    return true;
+  Log("refused a transfer message from " + std::string(id) + ": pulling from " + m_pulledFrom +
+      " only");
+  return false;
 }
 
 void KelMsgVerifiedTransfer::Parts::ServeRequest(const KelMsgFileTransferData& request,
@@ -389,10 +420,14 @@ void KelMsgVerifiedTransfer::Parts::Finish(const std::string& source) {
     verdict =
         source + " made no statement of " + inbound.parties.source + " (does it verify transfers?)";
   }
-  if (verdict.empty() && std::rename(inbound.partialPath.c_str(), inbound.finalPath.c_str()) != 0) {
+  const int renameError = verdict.empty() ? m_engine.RenameReceivedFile(inbound.partialPath.c_str(),
+                                                                        inbound.finalPath.c_str())
+                                          : 0;
+  if (renameError != 0) {
     written.m_failure = Receipt::FAILURE_CANNOT_WRITE;
     written.m_reason.BuildFromUTF8(
-        ("cannot rename " + inbound.partialName + ": " + std::strerror(errno)).c_str());
+        ("cannot rename " + inbound.partialName + ": " + KelMsgConfinement::Describe(renameError))
+            .c_str());
     verdict = Verdict(inbound.parties, sent, written);
   }
   if (sent != nullptr && !inbound.pulled) {
@@ -408,7 +443,7 @@ void KelMsgVerifiedTransfer::Parts::Finish(const std::string& source) {
     line = verdict + "; kept " + inbound.partialName;
   } else {
     line = verdict;
-    if (std::remove(inbound.partialPath.c_str()) == 0)
+    if (inbound.created && m_engine.RemoveReceivedFile(inbound.partialPath.c_str()) == 0)
       line += "; removed " + inbound.partialName;
   }
   if (inbound.pulled) {
@@ -513,6 +548,7 @@ bool KelMsgVerifiedTransfer::Parts::Pull(const char* source, const char* sourceB
                                          const char* sourceJobDir, const char* sourceFileName,
                                          const char* targetBaseDir, const char* targetJobDir,
                                          const char* targetFileName) {
+  m_pulledFrom = source;
   SendReceipt(source, KelMsgTransferReceiptType::RECEIPT_ASK, sourceFileName, Receipt());
   const Inbound& inbound = Expect(source,
                                   {source, "", ShownName(sourceJobDir, sourceFileName),
@@ -522,16 +558,28 @@ bool KelMsgVerifiedTransfer::Parts::Pull(const char* source, const char* sourceB
   m_engine.RequestFile(source, sourceBaseDir, sourceJobDir, sourceFileName, m_application.c_str(),
                        targetBaseDir, targetJobDir, inbound.partialName.c_str());
   const WaitEnd end = WaitForPeer(source);
-  if (end == WaitEnd::kEnded)
-    return m_pullVerified;
-  // Give up this side's end of the transfer as a completion would.
-  Find(source)->written.Fail(Receipt::FAILURE_ABANDONED,
-                             end == WaitEnd::kSilent
-                                 ? (std::string(source) + " sent nothing" + Silence()).c_str()
-                                 : (std::string("lost the bus: ") + KelBusLastError()).c_str());
-  m_engine.ReceiveISendCompletion(source);
-  Finish(source);
+  if (end != WaitEnd::kEnded) {
+    // Give up this side's end of the transfer as a completion would.
+    Find(source)->written.Fail(Receipt::FAILURE_ABANDONED,
+                               end == WaitEnd::kSilent
+                                   ? (std::string(source) + " sent nothing" + Silence()).c_str()
+                                   : (std::string("lost the bus: ") + KelBusLastError()).c_str());
+    m_engine.ReceiveISendCompletion(source);
+    Finish(source);
+  }
+  m_pulledFrom.clear();
   return m_pullVerified;
+}
+
+void KelMsgVerifiedTransfer::Parts::CloseIdle() {
+  m_engine.CloseIdleFiles();
+  std::vector<std::string> closed;
+  for (const auto& [source, inbound] : m_inbound) {
+    if (inbound.closed)
+      closed.push_back(source);
+  }
+  for (const std::string& source : closed)
+    Finish(source);
 }
 
 KelMsgVerifiedTransfer::KelMsgVerifiedTransfer(int communicatorId, const char* application,
@@ -567,6 +615,18 @@ bool KelMsgVerifiedTransfer::Pull(const char* sourceApplication, const char* sou
                                   const char* targetFileName) {
   return m_parts->Pull(sourceApplication, sourceBaseDir, sourceJobDir, sourceFileName,
                        targetBaseDir, targetJobDir, targetFileName);
+}
+
+int KelMsgVerifiedTransfer::ConfineTo(const char* directory) {
+  return m_parts->Engine().ConfineTo(directory);
+}
+
+void KelMsgVerifiedTransfer::SetReceiveLimits(int maxOpenFiles, int idleSeconds) {
+  m_parts->Engine().SetReceiveLimits(maxOpenFiles, idleSeconds);
+}
+
+void KelMsgVerifiedTransfer::CloseIdleTransfers() {
+  m_parts->CloseIdle();
 }
 
 const KelString& KelMsgVerifiedTransfer::Report() const {

@@ -41,14 +41,33 @@
 // opens, reads, writes and closes; it changes nothing of what the engine
 // sends or traces.
 //
-// Every operation returns 0.
+// Files that peers name.  The engine opens only regular files: a FIFO, a
+// device or a directory is refused without the engine ever blocking on it.
+// A receiving program may confine the engine to directories of its choice
+// (ConfineTo): the files it writes for received transfers (pushed to it or
+// pulled by it) and those it reads for a peer's send request must then
+// resolve beneath one of them; an absolute path elsewhere, ".." and
+// symbolic links that lead out are refused.  Refusals are traced at level 1
+// and fail as a file that cannot be opened does, so the peer sees the
+// transfer fail in the usual way.  The application's own pushes read
+// wherever it says.  At most kDefaultMaxReceiveFiles received files are open
+// at once unless SetReceiveLimits says otherwise; an announcement beyond
+// that is refused (EMFILE).  CloseIdleFiles closes the received files that
+// nothing has reached for a while; a serving program calls it from its loop.
+//
+// Every operation returns 0, except where said otherwise.
 #ifndef KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
 #define KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
 
+#include <chrono>
 #include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
 
 #include <KelMsgFeaMessaging/KelBasTreeGeneric.h>
 
+class KelMsgConfinement;
 class KelMsgFileTransferObserver;
 class KelMsgFileTransferType;
 
@@ -62,9 +81,29 @@ class KelMsgFileTransfer {
   KelMsgFileTransfer(const KelMsgFileTransfer&) = delete;
   KelMsgFileTransfer& operator=(const KelMsgFileTransfer&) = delete;
 
+  static constexpr int kDefaultMaxReceiveFiles = 64;
+  static constexpr int kDefaultIdleSeconds = 60;
+
   int SetCommunicatorId(int communicatorId);
   // Lends `observer` (null: none) to the engine until the next call.
   int SetObserver(KelMsgFileTransferObserver* observer);
+
+  // Confinement and limits are the receiving program's choice, never a
+  // peer's; set them on the thread that drives the bus, like everything.
+  // Adds `directory` as a root of the confinement, which the engine keeps
+  // open for its lifetime.  Returns 0, or the errno why it cannot be opened.
+  int ConfineTo(const char* directory);
+  // At most `maxOpenFiles` (at least 1) received files open at once; files
+  // idle for `idleSeconds` are closed by CloseIdleFiles (0: never).
+  int SetReceiveLimits(int maxOpenFiles, int idleSeconds);
+  // Closes and forgets every received file that no announcement or chunk
+  // has reached for the idle time, traced at level 1 and told to the
+  // observer; returns how many.
+  int CloseIdleFiles();
+  // Renames a received file within its directory, or removes one, beneath
+  // the confinement's roots when there are any.  Return 0 or the errno.
+  int RenameReceivedFile(const char* from, const char* to);
+  int RemoveReceivedFile(const char* path);
 
   // For applications.
   int SendFile(const char* sourceApplication, const char* sourceBaseDir, const char* sourceJobDir,
@@ -115,6 +154,17 @@ class KelMsgFileTransfer {
 
  private:
   using FileMap = KelBasTreeGeneric<int>;
+  using Clock = std::chrono::steady_clock;
+  // Whether a file is one that a peer names, and so subject to confinement.
+  enum class Reach { kAnywhere, kConfined };
+
+  int OpenFile(const char* applicationId, const char* fileName, bool isSender, Reach reach);
+  int SendContent(Reach reach, const char* sourceApplication, const char* sourceBaseDir,
+                  const char* sourceJobDir, const char* sourceFileName,
+                  const char* targetApplication, const char* targetBaseDir,
+                  const char* targetJobDir, const char* targetFileName);
+  // Forgets the received file of `source`, already closed.
+  void ForgetReceived(const char* source);
 
   void Trace(int level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
   void TraceUnflushed(int level, const char* format, ...) const
@@ -132,6 +182,11 @@ class KelMsgFileTransfer {
   FILE* m_traceStream;
   int m_traceLevel;
   KelMsgFileTransferObserver* m_observer;  // never null: a do-nothing one by default
+  std::unique_ptr<KelMsgConfinement> m_confinement;
+  int m_maxReceiveFiles;
+  int m_idleSeconds;
+  int m_openReceiveFiles;  // descriptors among those of m_receiveFileMap
+  std::map<std::string, Clock::time_point> m_lastReceived;  // same keys as m_receiveFileMap
 };
 
 #endif  // KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_

@@ -35,6 +35,9 @@ class KelMsgFileTransferObserver {
   // A chunk of `source` came out of sequence: the rest of its chunks are
   // dropped until its completion.
   virtual void TransferAbandoned(const char* /*source*/) {}
+  // Nothing has reached the file received from `source` for `seconds`: it
+  // is about to be closed and forgotten.
+  virtual void ReceiveFileIdle(const char* /*source*/, int /*seconds*/) {}
   // The file received from `source` was closed and forgotten.
   virtual void ReceiveFileClosed(const char* /*source*/) {}
 };

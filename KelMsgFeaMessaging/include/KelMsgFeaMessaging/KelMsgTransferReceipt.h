@@ -22,7 +22,7 @@ class KelMsgTransferReceipt {
     FAILURE_CANNOT_CREATE = 1,  // the receiver could not create its file
     FAILURE_CANNOT_WRITE = 2,   // a write failed or fell short, or the rename
     FAILURE_CANNOT_READ = 3,    // the source is missing or unreadable
-    FAILURE_ABANDONED = 4,      // chunks came out of sequence
+    FAILURE_ABANDONED = 4,      // out-of-sequence chunks, or nothing came for too long
     FAILURE_SENDER_LEFT = 5,    // the sender left the bus mid-transfer
     FAILURE_LAST = FAILURE_SENDER_LEFT
   };

@@ -29,6 +29,8 @@
 // send that a peer requested and that failed, is reported in one line on
 // the report stream given at construction (nothing when null).  Push and
 // Pull return true when verified and leave one line in Report() either way.
+// While a Pull waits, transfer messages and receipts from any application
+// but the one asked are refused, each reported in one line on that stream.
 // A process that wants a file-size limit reported as "File too large" rather
 // than dying of it ignores SIGXFSZ.
 //
@@ -66,6 +68,14 @@ class KelMsgVerifiedTransfer {
   void SetPatience(int seconds);
   // Failed transfers received here leave their NAME.partial in place.
   void SetKeepPartial(bool keep);
+  // Confinement and limits of the engine (KelMsgFileTransfer::ConfineTo and
+  // SetReceiveLimits): ConfineTo returns 0 or the errno.
+  int ConfineTo(const char* directory);
+  void SetReceiveLimits(int maxOpenFiles, int idleSeconds);
+  // Closes the received transfers left idle beyond the limit: each is
+  // reported as failed and its NAME.partial removed.  A serving program
+  // calls it from its loop now and then.
+  void CloseIdleTransfers();
   // Reports departures to this object; lent, valid while it lives.
   const KelMsgBBDisconnectHandler& DepartureWatcher() const;
 
