@@ -150,8 +150,9 @@ class KelMsgMultiHostTest : public ::testing::TestWithParam<Layout> {
     return broker;
   }
 
-  // The bridge announces itself on the dialled broker once it is connected
-  // and subscribed.
+  // The bridge announces itself on the dialled broker once it is connected.
+  // mosquitto_sub reads the password from its configuration file, so that it
+  // does not show in the process list.
   void WaitForBridge(const Layout& layout) const {
     std::ofstream(m_scratch / "mosquitto_sub") << "-P " << m_password << '\n';
     std::vector<std::string> command = m_network->On(layout.rightBroker);
