@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <filesystem>
 #include <optional>
 
 #include "ChildProcess.h"
@@ -16,12 +19,34 @@ std::string LinkAddress(int link, int end) {
   return "10.213." + std::to_string(link) + "." + std::to_string(end);
 }
 
+constexpr const char* kPrefix = "kelmsg-";
+
+// The namespaces of test programs that were killed before they could remove
+// them: named kelmsg-<pid>-<host>, for a process that is gone.
+void RemoveLeftovers() {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry("/run/netns", error);
+       !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    const std::size_t start = std::strlen(kPrefix);
+    const std::string pid = name.substr(std::min(start, name.size()),
+                                        name.find('-', start) - start);  // to the end without '-'
+    if (name.starts_with(kPrefix) && !pid.empty() &&
+        pid.find_first_not_of("0123456789") == std::string::npos &&
+        !std::filesystem::exists("/proc/" + pid)) {
+      ChildProcess::Exec({KELMSG_IP_PROGRAM, "netns", "delete", name}, "/dev/null")
+          .ExitCode(std::chrono::seconds(10));
+    }
+  }
+}
+
 }  // namespace
 
 const std::string& TestNetwork::Unavailable() {
   static const std::string why = [] {
     if (access(KELMSG_IP_PROGRAM, X_OK) != 0)
       return std::string("no ip program (iproute2) at " KELMSG_IP_PROGRAM);
+    RemoveLeftovers();
     TestNetwork probe({"probe"});
     return probe.Error().empty() ? std::string()
                                  : "cannot make network namespaces: " + probe.Error();
@@ -31,7 +56,7 @@ const std::string& TestNetwork::Unavailable() {
 
 TestNetwork::TestNetwork(const std::vector<std::string>& hosts) {
   for (const std::string& host : hosts) {
-    const std::string name = "kelmsg-" + std::to_string(getpid()) + "-" + host;
+    const std::string name = kPrefix + std::to_string(getpid()) + "-" + host;
     if (!Ip({"netns", "add", name}))
       return;
     m_namespaces[host] = name;

@@ -20,7 +20,8 @@
 class TestNetwork {
  public:
   // Why this machine cannot build test networks, in one line; empty when
-  // it can.  Tried once per program.
+  // it can.  Tried once per program, after removing the namespaces that
+  // killed test programs left behind.
   static const std::string& Unavailable();
 
   // Hosts without links, their loopback up.  Error() tells what failed.
