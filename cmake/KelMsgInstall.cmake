@@ -37,4 +37,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KelMsgFeaMessaging.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES config/kelbus-mosquitto.conf config/kelbus-site-mosquitto.conf config/kelbus-site.acl
+              config/kelbus-bridge.conf
         DESTINATION ${CMAKE_INSTALL_DATADIR}/KelMsgFeaMessaging)

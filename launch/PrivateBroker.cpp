@@ -27,10 +27,12 @@ constexpr const char* kTls13Ciphers =
 // Whether process `pid` holds the IPv4 socket that listens on `port`.  A
 // connection test is not enough: a broker started at the same moment on the
 // same port by somebody else would answer it while ours failed to bind.
+// The table is the one of the process's network namespace, which need not
+// be ours.
 bool HoldsListener(pid_t pid, int port) {
   constexpr const char* kListening = "0A";
   std::set<std::string> listeners;  // as the descriptors' links name them
-  std::ifstream table("/proc/net/tcp");
+  std::ifstream table("/proc/" + std::to_string(pid) + "/net/tcp");
   std::string line;
   std::getline(table, line);  // the column titles
   while (std::getline(table, line)) {
@@ -152,8 +154,9 @@ bool PrivateBroker::Start() {
     m_error = "cannot derive a broker configuration from " + m_settings.configuration;
     return false;
   }
-  ChildProcess broker =
-      ChildProcess::Exec({m_settings.program, "-c", configuration}, m_directory + "/broker.log");
+  std::vector<std::string> command = m_settings.launcher;
+  command.insert(command.end(), {m_settings.program, "-c", configuration});
+  ChildProcess broker = ChildProcess::Exec(command, m_directory + "/broker.log");
   const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
   while (std::chrono::steady_clock::now() < deadline && broker.Running()) {
     if (HoldsListener(broker.Pid(), m_port)) {

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ChildProcess.h"
 
@@ -31,6 +32,9 @@ class PrivateBroker {
     std::string configuration;          // the project's configuration file
     std::string address = "127.0.0.1";  // IPv4 address to listen on
     std::string program = MosquittoProgram();
+    // A command that runs the broker elsewhere, in front of `program`:
+    // {"ip", "netns", "exec", NAME} starts it in a network namespace.
+    std::vector<std::string> launcher{};
     // When set, the listener speaks TLS with this certificate and key.
     std::string certificateFile{}, keyFile{};
     // When set, only the users of this mosquitto password_file may connect.

@@ -7,19 +7,19 @@
 
 namespace {
 
-// A shell changes to the working directory (empty: the test's), sends one
-// stream of kelmsg's to `path` (`redirection` is "2>" or ">") and becomes
-// kelmsg.  The names travel as arguments, so that none needs quoting.
+// A shell, started through `launcher`, changes to the working directory
+// (empty: the test's), sends one stream of kelmsg's to `path` (`redirection`
+// is "2>" or ">") and becomes kelmsg.  The names travel as arguments, so
+// that none needs quoting.
 ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
                          const std::string& workingDirectory, const std::string& redirection,
-                         const std::string& path, const std::string& outputPath) {
-  std::vector<std::string> argv{
-      "/bin/sh",
-      "-c",
-      "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " + redirection + "\"$f\"",
-      KELMSG_TOOL,
-      workingDirectory.empty() ? "." : workingDirectory,
-      path};
+                         const std::string& path, const std::string& outputPath,
+                         const std::vector<std::string>& launcher = {}) {
+  std::vector<std::string> argv = launcher;
+  argv.insert(argv.end(),
+              {"/bin/sh", "-c",
+               "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " + redirection + "\"$f\"",
+               KELMSG_TOOL, workingDirectory.empty() ? "." : workingDirectory, path});
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   return ChildProcess::Exec(argv, outputPath);
 }
@@ -27,8 +27,10 @@ ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
 }  // namespace
 
 KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
-                             const std::string& workingDirectory)
-    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out")) {}
+                             const std::string& workingDirectory,
+                             const std::vector<std::string>& launcher)
+    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out",
+                            launcher)) {}
 
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -18,9 +18,12 @@ using namespace std::chrono_literals;
 
 class KelmsgProcess {
  public:
-  // Starts `kelmsg arguments...` in `workingDirectory` (empty: the test's).
+  // Starts `kelmsg arguments...` in `workingDirectory` (empty: the test's),
+  // through `launcher` when it is not empty (a command that runs another,
+  // such as `ip netns exec NAME env VARIABLE=VALUE`).
   explicit KelmsgProcess(const std::vector<std::string>& arguments,
-                         const std::string& workingDirectory = "");
+                         const std::string& workingDirectory = "",
+                         const std::vector<std::string>& launcher = {});
 
   // Waits until standard output holds `text`; false when the process ends
   // first or `limit` passes.
