@@ -14,11 +14,9 @@
 
 #include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
 #include <KelMsgFeaMessaging/KelMsgAnalysisState.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <KelMsgFeaMessaging/KelMsgVerifiedTransfer.h>
 
 #include "AnalysisDocuments.h"
 #include "SuiteProcess.h"
@@ -80,11 +78,13 @@ int main(int argc, char** argv) {
   const char* job = argv[2];
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  // The engine outlives `bus`, whose registry deletes the handler that points at it.
-  KelMsgFileTransfer files(-1, nullptr, 0);
+  // Verified transfers, so that a monitor that verifies gets a receipt for
+  // the deck and a statement with the result; the monitor may speak the
+  // plain file-transfer messages as well.  `files`, made after `bus`, goes
+  // first: the registry of `bus` deletes the handlers that point at it.
   SuiteProcess bus("solver");
-  files.SetCommunicatorId(bus.Communicator());
-  bus.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&files));
+  KelMsgVerifiedTransfer files(bus.Communicator(), bus.Name(), nullptr, 0, nullptr);
+  bus.WatchDepartures(files.DepartureWatcher());
 
   int runRequested = -1;
   std::string deckName;

@@ -43,6 +43,7 @@
 #define KELMSGFEAMESSAGING_KELMSGVERIFIEDTRANSFER_H_
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 #include <KelMsgFeaMessaging/KelString.h>
@@ -66,6 +67,10 @@ class KelMsgVerifiedTransfer {
   void SetPatience(int seconds);
   // Failed transfers received here leave their NAME.partial in place.
   void SetKeepPartial(bool keep);
+  // Hands the size of every chunk this side reads from a file it sends, or
+  // writes to a file it receives, to `listener` (empty: nobody), on the
+  // thread that transfers, as the chunk passes.
+  void SetProgressListener(std::function<void(int bytes)> listener);
   // Reports departures to this object; lent, valid while it lives.
   const KelMsgBBDisconnectHandler& DepartureWatcher() const;
 
