@@ -86,8 +86,8 @@ def run(solver_program: str, base: Path) -> int:
             return fail("no shared job directory")
 
         receipt = bus.push(
-            "model.inp", SOLVER, "solver-input.inp",
-            base_dir=str(base), job_dir=JOB, target_base_dir=str(solver_base), target_job_dir=JOB,
+            SOLVER, "model.inp", "solver-input.inp",
+            base_dir=str(base), job_dir=JOB, peer_base_dir=str(solver_base), peer_job_dir=JOB,
         )
         print(f"monitor: input deck pushed: {receipt}")
         bus.send(SOLVER, kelmsg.Xml('<Run deck="solver-input.inp"/>'))
@@ -96,7 +96,7 @@ def run(solver_program: str, base: Path) -> int:
 
         verified = bus.pull(
             SOLVER, reports.result, "model.res.pulled",
-            base_dir=str(base), job_dir=JOB, source_base_dir=str(solver_base), source_job_dir=JOB,
+            base_dir=str(base), job_dir=JOB, peer_base_dir=str(solver_base), peer_job_dir=JOB,
         )
         identical = (base / JOB / reports.result).read_bytes() == (
             base / JOB / "model.res.pulled"

@@ -77,7 +77,7 @@ class Departure:
     @property
     def user(self) -> str: ...
 
-Message = TypeVar("Message", Text, Xml, Kill, FileRecord)
+_Message = TypeVar("_Message", Text, Xml, Kill, FileRecord)
 
 class Application:
     """This process on the bus as one application.
@@ -111,7 +111,7 @@ class Application:
     ) -> Literal[False]: ...
     def send(self, target: str, message: Text | Xml | Kill | FileRecord) -> None: ...
     def handle(
-        self, message_type: type[Message], handler: Callable[[Message, str], object] | None
+        self, message_type: type[_Message], handler: Callable[[_Message, str], object] | None
     ) -> None: ...
     def on_departure(self, handler: Callable[[Departure], object] | None) -> None: ...
     def wait(
@@ -119,31 +119,33 @@ class Application:
     ) -> bool: ...
     def push(
         self,
+        application: str,
         source: str,
         target: str,
-        target_file: str,
         *,
         base_dir: str = "",
         job_dir: str = "",
-        target_base_dir: str = "",
-        target_job_dir: str = "",
+        peer_base_dir: str = "",
+        peer_job_dir: str = "",
         wait: bool = True,
         timeout: float | None = 60.0,
         progress: Callable[[int], object] | None = None,
-    ) -> str: ...
+    ) -> str:
+        """Sends this side's file `source` to `application` as `target`."""
     def pull(
         self,
+        application: str,
         source: str,
-        source_file: str,
-        target_file: str,
+        target: str,
         *,
         base_dir: str = "",
         job_dir: str = "",
-        source_base_dir: str = "",
-        source_job_dir: str = "",
+        peer_base_dir: str = "",
+        peer_job_dir: str = "",
         timeout: float | None = 60.0,
         progress: Callable[[int], object] | None = None,
-    ) -> str: ...
+    ) -> str:
+        """Fetches the file `source` of `application` into this side's `target`."""
 
 def stamp(base_dir: str, job_dir: str, name: str) -> None: ...
 def is_shared(base_dir: str, job_dir: str, name: str) -> bool: ...

@@ -84,15 +84,20 @@ Application::Application(const Options& options)
     throw std::runtime_error("this process is on the bus as " + s_open->m_name +
                              " already; close it first: handlers are registered per process");
   }
-  BusLock::Run([&] {
-    try {
-      Join(options);
-    } catch (...) {
-      Leave();
-      throw;
-    }
-  });
-  s_open = this;
+  s_open = this;  // before the GIL goes, so that no other thread joins meanwhile
+  try {
+    BusLock::Run([&] {
+      try {
+        Join(options);
+      } catch (...) {
+        Leave();
+        throw;
+      }
+    });
+  } catch (...) {
+    s_open = nullptr;
+    throw;
+  }
 }
 
 Application::~Application() {

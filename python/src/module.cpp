@@ -170,31 +170,31 @@ void BindApplication(py::module_& m) {
       .def("wait", &Application::Wait, "until"_a = py::none(), "timeout"_a = py::none())
       .def(
           "push",
-          [](Application& self, std::string source, std::string target, std::string targetFile,
-             std::string baseDir, std::string jobDir, std::string targetBaseDir,
-             std::string targetJobDir, bool wait, std::optional<double> timeout,
+          [](Application& self, std::string application, std::string source, std::string target,
+             std::string baseDir, std::string jobDir, std::string peerBaseDir,
+             std::string peerJobDir, bool wait, std::optional<double> timeout,
              py::object progress) {
             return self.Push(
-                TransferOf(std::move(target), std::move(source), std::move(targetFile),
-                           std::move(baseDir), std::move(jobDir), std::move(targetBaseDir),
-                           std::move(targetJobDir), timeout, std::move(progress)),
+                TransferOf(std::move(application), std::move(source), std::move(target),
+                           std::move(baseDir), std::move(jobDir), std::move(peerBaseDir),
+                           std::move(peerJobDir), timeout, std::move(progress)),
                 wait);
           },
-          "source"_a, "target"_a, "target_file"_a, py::kw_only(), "base_dir"_a = "",
-          "job_dir"_a = "", "target_base_dir"_a = "", "target_job_dir"_a = "", "wait"_a = true,
+          "application"_a, "source"_a, "target"_a, py::kw_only(), "base_dir"_a = "",
+          "job_dir"_a = "", "peer_base_dir"_a = "", "peer_job_dir"_a = "", "wait"_a = true,
           "timeout"_a = 60.0, "progress"_a = py::none())
       .def(
           "pull",
-          [](Application& self, std::string source, std::string sourceFile, std::string targetFile,
-             std::string baseDir, std::string jobDir, std::string sourceBaseDir,
-             std::string sourceJobDir, std::optional<double> timeout, py::object progress) {
-            return self.Pull(TransferOf(std::move(source), std::move(targetFile),
-                                        std::move(sourceFile), std::move(baseDir),
-                                        std::move(jobDir), std::move(sourceBaseDir),
-                                        std::move(sourceJobDir), timeout, std::move(progress)));
+          [](Application& self, std::string application, std::string source, std::string target,
+             std::string baseDir, std::string jobDir, std::string peerBaseDir,
+             std::string peerJobDir, std::optional<double> timeout, py::object progress) {
+            return self.Pull(TransferOf(std::move(application), std::move(target),
+                                        std::move(source), std::move(baseDir), std::move(jobDir),
+                                        std::move(peerBaseDir), std::move(peerJobDir), timeout,
+                                        std::move(progress)));
           },
-          "source"_a, "source_file"_a, "target_file"_a, py::kw_only(), "base_dir"_a = "",
-          "job_dir"_a = "", "source_base_dir"_a = "", "source_job_dir"_a = "", "timeout"_a = 60.0,
+          "application"_a, "source"_a, "target"_a, py::kw_only(), "base_dir"_a = "",
+          "job_dir"_a = "", "peer_base_dir"_a = "", "peer_job_dir"_a = "", "timeout"_a = 60.0,
           "progress"_a = py::none());
   BindSend<TextMessage>(application);
   BindSend<XmlMessage>(application);

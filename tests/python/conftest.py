@@ -5,7 +5,6 @@ import os
 import re
 import signal
 import subprocess
-import time
 
 import pytest
 
@@ -38,9 +37,3 @@ def start(*args):
     assert first, f"kelmsg {args[0]} ended at once"
     return process
 
-
-def until(condition, seconds=10.0):
-    deadline = time.monotonic() + seconds
-    while not condition() and time.monotonic() < deadline:
-        time.sleep(0.02)
-    return condition()

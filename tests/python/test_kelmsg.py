@@ -10,7 +10,7 @@ from pathlib import Path
 
 import kelmsg
 import pytest
-from conftest import TOOL, start, until
+from conftest import TOOL, start
 
 FILE_RECORD = kelmsg.FileRecord(
     kelmsg.FileRecord.CHUNK, source_application="me", target_file_name="f.bin",
@@ -61,15 +61,15 @@ def server(tmp_path):
 
 
 @pytest.mark.parametrize("operation, outcome", [
-    (lambda app, d: app.push(f"{d}/served/x.bin", "fs1", "copy.bin"),
+    (lambda app, d: app.push("fs1", f"{d}/served/x.bin", "copy.bin"),
      "copy.bin: 200000 bytes, verified by fs1"),
     (lambda app, d: app.pull("fs1", "x.bin", f"{d}/pulled.bin"),
      "{d}/pulled.bin: 200000 bytes, verified"),
     (lambda app, d: app.pull("fs1", "missing.bin", f"{d}/pulled.bin"),
      "fs1 could not read missing.bin: No such file or directory; removed {d}/pulled.bin.partial"),
-    (lambda app, d: app.push(f"{d}/missing.bin", "fs1", "copy.bin"),
+    (lambda app, d: app.push("fs1", f"{d}/missing.bin", "copy.bin"),
      "could not read {d}/missing.bin: No such file or directory"),
-    (lambda app, d: app.push(f"{d}/served/x.bin", "nobody", "copy.bin", timeout=1),
+    (lambda app, d: app.push("nobody", f"{d}/served/x.bin", "copy.bin", timeout=1),
      "no receipt from nobody for copy.bin within 1 s")])
 def test_transfers_end_as_the_cli_says(server, operation, outcome):
     with kelmsg.Application("client") as app:
@@ -84,10 +84,13 @@ def test_transfers_end_as_the_cli_says(server, operation, outcome):
     assert not (server / "pulled.bin.partial").exists()
 
 
-def test_progress_counts_every_byte(server):
+@pytest.mark.parametrize("operation", [
+    lambda app, d, tell: app.pull("fs1", "x.bin", f"{d}/copy.bin", progress=tell),
+    lambda app, d, tell: app.push("fs1", f"{d}/served/x.bin", "../copy.bin", progress=tell)])
+def test_progress_counts_every_byte(server, operation):
     progress = []
     with kelmsg.Application("client") as app:
-        app.pull("fs1", "x.bin", str(server / "copy.bin"), progress=progress.append)
+        operation(app, server, progress.append)
     assert progress == sorted(progress) and progress[-1] == 200_000
     assert (server / "copy.bin").read_bytes() == (server / "served" / "x.bin").read_bytes()
 
