@@ -9,9 +9,6 @@ import subprocess
 import pytest
 
 TOOL = os.environ["KELMSG_TOOL"]
-# A sanitizer runtime preloaded into this interpreter is not for the
-# programs the tests start, which bring their own.
-os.environ.pop("LD_PRELOAD", None)
 
 
 @pytest.fixture(scope="session")
