@@ -13,6 +13,7 @@ of that directory, and drives the whole job over the bus:
   job_monitor.py SOLVER_PROGRAM WORK_DIR
 """
 
+import io
 import os
 import subprocess
 import sys
@@ -117,7 +118,8 @@ def main() -> int:
     if len(sys.argv) != 3:
         print("usage: job_monitor.py SOLVER_PROGRAM WORK_DIR", file=sys.stderr)
         return 2
-    sys.stdout.reconfigure(line_buffering=True)
+    if isinstance(sys.stdout, io.TextIOWrapper):
+        sys.stdout.reconfigure(line_buffering=True)
     try:
         return run(sys.argv[1], Path(os.path.abspath(sys.argv[2])))
     except (kelmsg.BusError, kelmsg.TransferError) as failure:

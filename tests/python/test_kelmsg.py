@@ -186,3 +186,16 @@ def test_the_python_job_monitor_drives_the_cpp_solver(tmp_path):
     assert run.returncode == 0, run.stdout + run.stderr
     assert "identical byte for byte: yes" in run.stdout
     assert "input deck pushed: job42/solver-input.inp: 125 bytes, verified by solver" in run.stdout
+
+
+@pytest.mark.parametrize("check", [
+    # Every name of the module in the stubs; pybind11 classes have a metaclass
+    # of their own, and Departure no constructor.
+    ["mypy.stubtest", "kelmsg", "--allowlist",
+     str(Path(__file__).with_name("stubtest-allowlist.txt"))],
+    # Signatures, as a script uses them.
+    ["mypy", str(Path(__file__).parents[2] / "examples" / "job_monitor.py")]])
+def test_the_stubs_describe_the_module(check, tmp_path):
+    run = subprocess.run([sys.executable, "-m", *check], capture_output=True, text=True,
+                         cwd=tmp_path)
+    assert run.returncode == 0, run.stdout
