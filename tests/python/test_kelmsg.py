@@ -130,6 +130,13 @@ def test_a_failing_handler_neither_kills_nor_stalls_the_bus(raised, monkeypatch)
     assert [type(r.exc_value) for r in reported] == ([raised] if raised is ValueError else [])
 
 
+def test_ctrl_c_ends_a_wait():
+    with kelmsg.Application("patient") as app:
+        threading.Timer(0.5, os.kill, [os.getpid(), signal.SIGINT]).start()
+        with pytest.raises(KeyboardInterrupt):
+            app.wait()  # no time limit: only the signal ends it
+
+
 def test_other_threads_run_and_send_while_one_waits():
     with kelmsg.Application("busy") as app:
         received = receiving(app, kelmsg.Text)
