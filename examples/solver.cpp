@@ -15,11 +15,9 @@
 
 #include <KelMsgFeaMessaging/KelMsgAnalysisMessageType.h>
 #include <KelMsgFeaMessaging/KelMsgAnalysisState.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransfer.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
-#include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 #include <KelMsgFeaMessaging/KelMsgPathExplorer.h>
 #include <KelMsgFeaMessaging/KelMsgProcessControlType.h>
+#include <KelMsgFeaMessaging/KelMsgVerifiedTransfer.h>
 
 #include "AnalysisDocuments.h"
 #include "SuiteProcess.h"
@@ -81,16 +79,18 @@ int main(int argc, char** argv) {
   const char* job = argv[2];
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  // The engine outlives `bus`, whose registry deletes the handler that points at it.
+  // Verified transfers, so that a monitor that verifies gets a receipt for
+  // the deck and a statement with the result; the monitor may speak the
+  // plain file-transfer messages as well.  `files`, made after `bus`, goes
+  // first: the registry of `bus` deletes the handlers that point at it.
+  SuiteProcess bus("solver");
+  KelMsgVerifiedTransfer files(bus.Communicator(), bus.Name(), nullptr, 0, nullptr);
+  bus.WatchDepartures(files.DepartureWatcher());
   // Peers reach no file outside the base directory.
-  KelMsgFileTransfer files(-1, nullptr, 0);
   if (const int error = files.ConfineTo(base); error != 0) {
     std::fprintf(stderr, "solver: cannot serve files from %s: %s\n", base, std::strerror(error));
     return 1;
   }
-  SuiteProcess bus("solver");
-  files.SetCommunicatorId(bus.Communicator());
-  bus.Handle(new KelMsgFileTransferType, new KelMsgFileTransferHandler(&files));
 
   int runRequested = -1;
   std::string deckName;

@@ -11,6 +11,7 @@ packages=(
   libpugixml-dev libcli11-dev libssl-dev
   clang libclang-rt-14-dev
   iproute2
+  python3-dev pybind11-dev python3-pytest python3-mypy
 )
 
 missing=()

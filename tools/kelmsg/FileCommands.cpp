@@ -17,7 +17,6 @@
 #include <KelMsgFeaMessaging/KelMsgVerifiedTransfer.h>
 #include <CLI/CLI.hpp>
 
-#include "ChunkTap.h"
 #include "CommandFailure.h"
 #include "Commands.h"
 #include "Session.h"
@@ -125,15 +124,14 @@ std::int64_t ReadableFileSize(const std::string& path) {
   return static_cast<std::int64_t>(size);
 }
 
-// This process on the bus with verified transfers whose engine's chunks feed
+// This process on the bus with verified transfers whose chunks feed
 // `progress`.  The session outlives the transfers, whose handlers it deletes.
 class TransferSession {
  public:
   TransferSession(const TransferOptions& options, TransferProgress& progress)
-      : m_tap([&progress](int bytes) { progress.Add(bytes); }),
-        m_session(options.application),
-        m_files(m_session.Communicator(), m_session.Application(), m_tap.Stream(),
-                ChunkTap::kTraceLevel, stderr) {
+      : m_session(options.application),
+        m_files(m_session.Communicator(), m_session.Application(), nullptr, 0, stderr) {
+    m_files.SetProgressListener([&progress](int bytes) { progress.Add(bytes); });
     m_files.SetPatience(options.timeoutSeconds);
     m_files.SetKeepPartial(options.keepPartial);
     m_session.WatchDepartures(m_files.DepartureWatcher());
@@ -148,7 +146,6 @@ class TransferSession {
   }
 
  private:
-  ChunkTap m_tap;
   Session m_session;
   KelMsgVerifiedTransfer m_files;
 };

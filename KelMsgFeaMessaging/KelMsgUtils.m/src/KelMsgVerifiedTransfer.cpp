@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -143,6 +144,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
 
   int m_patienceSeconds = 0;
   bool m_keepPartial = false;
+  std::function<void(int bytes)> m_progress;
   KelString m_lastReport;
   const KelMsgBBDisconnectHandler& Departures() const { return m_departures; }
 
@@ -202,6 +204,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   WaitEnd WaitForPeer(const std::string& peer);
   std::string Silence() const;
   bool Conclude(bool verified, const std::string& line);
+  void Progress(int bytes) const;
   void Log(const std::string& line) const;
 
   int m_communicatorId;
@@ -229,8 +232,10 @@ void KelMsgVerifiedTransfer::Parts::SendFileOpened(const char* /*path*/, int des
 }
 
 void KelMsgVerifiedTransfer::Parts::ChunkRead(const void* data, int bytes, int error) {
-  if (bytes > 0)
+  if (bytes > 0) {
     m_sent->Add(data, bytes);
+    Progress(bytes);
+  }
   if (bytes < 0)
     m_sent->Fail(Receipt::FAILURE_CANNOT_READ, KelMsgConfinement::Describe(error));
 }
@@ -251,8 +256,10 @@ void KelMsgVerifiedTransfer::Parts::ChunkWritten(const char* source, const void*
   if (inbound == nullptr)
     return;
   m_lastHeard = Clock::now();
-  if (written > 0)
+  if (written > 0) {
     inbound->written.Add(data, written);
+    Progress(written);
+  }
   if (written < 0)
     inbound->written.Fail(Receipt::FAILURE_CANNOT_WRITE, std::strerror(error));
   else if (written < size)
@@ -496,6 +503,11 @@ bool KelMsgVerifiedTransfer::Parts::Conclude(bool verified, const std::string& l
   return verified;
 }
 
+void KelMsgVerifiedTransfer::Parts::Progress(int bytes) const {
+  if (m_progress)
+    m_progress(bytes);
+}
+
 void KelMsgVerifiedTransfer::Parts::Log(const std::string& line) const {
   if (m_report == nullptr)
     return;
@@ -595,6 +607,10 @@ void KelMsgVerifiedTransfer::SetPatience(int seconds) {
 
 void KelMsgVerifiedTransfer::SetKeepPartial(bool keep) {
   m_parts->m_keepPartial = keep;
+}
+
+void KelMsgVerifiedTransfer::SetProgressListener(std::function<void(int bytes)> listener) {
+  m_parts->m_progress = std::move(listener);
 }
 
 const KelMsgBBDisconnectHandler& KelMsgVerifiedTransfer::DepartureWatcher() const {

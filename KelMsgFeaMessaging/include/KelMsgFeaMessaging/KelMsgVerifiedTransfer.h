@@ -45,6 +45,7 @@
 #define KELMSGFEAMESSAGING_KELMSGVERIFIEDTRANSFER_H_
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 
 #include <KelMsgFeaMessaging/KelString.h>
@@ -76,6 +77,10 @@ class KelMsgVerifiedTransfer {
   // reported as failed and its NAME.partial removed.  A serving program
   // calls it from its loop now and then.
   void CloseIdleTransfers();
+  // Hands the size of every chunk this side reads from a file it sends, or
+  // writes to a file it receives, to `listener` (empty: nobody), on the
+  // thread that transfers, as the chunk passes.
+  void SetProgressListener(std::function<void(int bytes)> listener);
   // Reports departures to this object; lent, valid while it lives.
   const KelMsgBBDisconnectHandler& DepartureWatcher() const;
 
