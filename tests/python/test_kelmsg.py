@@ -85,14 +85,14 @@ def test_transfers_end_as_the_cli_says(server, operation, outcome):
 
 
 @pytest.mark.parametrize("operation", [
-    lambda app, d, tell: app.pull("fs1", "x.bin", f"{d}/copy.bin", progress=tell),
-    lambda app, d, tell: app.push("fs1", f"{d}/served/x.bin", "../copy.bin", progress=tell)])
+    lambda app, d, tell: app.pull("fs1", "x.bin", f"{d}/served/copy.bin", progress=tell),
+    lambda app, d, tell: app.push("fs1", f"{d}/served/x.bin", "copy.bin", progress=tell)])
 def test_progress_counts_every_byte(server, operation):
     progress = []
     with kelmsg.Application("client") as app:
         operation(app, server, progress.append)
     assert progress == sorted(progress) and progress[-1] == 200_000
-    assert (server / "copy.bin").read_bytes() == (server / "served" / "x.bin").read_bytes()
+    assert (server / "served" / "copy.bin").read_bytes() == (server / "served" / "x.bin").read_bytes()
 
 
 def test_departures_are_reported():
