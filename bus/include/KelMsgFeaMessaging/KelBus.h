@@ -318,6 +318,13 @@ int WaitingLoop(int communicatorId, int timeout, int* watched);
 // Results: KELBUS_OK, KELBUS_ERR_BAD_ID.
 int CloseCommunicator(int communicatorId);
 
+// During a receive callback, on its thread: the application that the bus
+// vouches sent the message being received, or null when the sender held no
+// application (a plain MQTT client, a communicator that declared none).  See
+// IDENTITY for what vouches.  Valid until the callback returns; null outside
+// a receive callback.
+const char* KelBusMessageSender(void);
+
 // Text describing the last failure of a bus call on the calling thread ("" if
 // there was none).  Valid until the thread's next bus call.
 const char* KelBusLastError(void);
