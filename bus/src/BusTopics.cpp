@@ -58,8 +58,7 @@ BusTopics::BusTopics(std::string nameSpace)
       m_presencePrefix(nameSpace + "/p/"),
       m_communicatorPrefix(nameSpace + "/c/") {}
 
-void BusTopics::MessageTopic(std::string_view app, std::string_view from,
-                             std::string* out) const {
+void BusTopics::MessageTopic(std::string_view app, std::string_view from, std::string* out) const {
   out->assign(m_messagePrefix);
   AppendEscapedLevel(app, out);
   if (!from.empty()) {

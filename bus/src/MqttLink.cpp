@@ -99,8 +99,9 @@ void MqttLink::SetWill(std::string topic, std::string payload, std::chrono::seco
 }
 
 Properties MqttLink::WillExpiry() const {
-  return m_willExpiry.count() > 0 ? IntervalProperty(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, m_willExpiry)
-                                  : nullptr;
+  return m_willExpiry.count() > 0
+             ? IntervalProperty(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, m_willExpiry)
+             : nullptr;
 }
 
 void MqttLink::SetBirth(std::string topic, std::string payload) {

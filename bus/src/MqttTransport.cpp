@@ -177,8 +177,8 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
   link->SetLastingSession(m_settings.sessionExpiry);
-  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(),
-                m_settings.departureDelay, m_settings.departureExpiry);
+  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(), m_settings.departureDelay,
+                m_settings.departureExpiry);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
   link->SetReconnectGuard([this, app = presence.app, claim = presence.claim] {
     return CheckNameStillOurs(app, claim);
