@@ -486,7 +486,6 @@ void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,
   std::lock_guard lock(link.m_mutex);
   if (reason >= MQTT_RC_UNSPECIFIED) {
     link.m_refusal = std::string("refused a message: ") + mosquitto_reason_string(reason);
-    Diagnose("KelBus: the broker at " + link.m_address.Describe() + " " + link.m_refusal);
   }
   link.m_window.Acknowledge(mid);
   link.m_changed.notify_all();

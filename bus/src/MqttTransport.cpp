@@ -198,6 +198,10 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   std::lock_guard operation(m_operationMutex);
   const auto deadline = Clock::now() + kConnectLimit;
   PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  if (reading.result == KELBUS_ERR_REFUSED) {
+    return Fail(reading.result, "the broker's access rules do not let user '" + m_address.user +
+                                    "' hold application '" + app + "' (" + LastErrorText() + ")");
+  }
   if (reading.result != KELBUS_OK)
     return reading.result;
   if (reading.record && reading.record->kind != ProcessRecord::Kind::kPresent)
@@ -390,9 +394,12 @@ void MqttTransport::Close() {
   if (m_closed || !m_link)
     return;
   m_closed = true;
-  // While the connection is down nothing can reach the broker.
-  if (m_link->CurrentState() == MqttLink::State::kUp)
-    m_link->Settle(Clock::now() + kConnectLimit);
+  // While the connection is down nothing can reach the broker.  A refusal
+  // that no later send reported is told here.
+  if (m_link->CurrentState() == MqttLink::State::kUp &&
+      m_link->Settle(Clock::now() + kConnectLimit) == KELBUS_ERR_REFUSED) {
+    Diagnose("KelBus: " + std::string(LastErrorText()));
+  }
   m_link->Close(m_claimed);
 }
 

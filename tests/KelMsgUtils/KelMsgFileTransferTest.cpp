@@ -4,8 +4,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferObserver.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
@@ -170,15 +168,13 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   // Its transfer and then its answer: none reaches a handler.
   const std::string refusal = "claims to come from 'someone-else' but 'rogue' sent it; refused";
   const std::string answerRefused = "message of type KelMsgStringType " + refusal;
-  const auto answerWasRefused = [&] {
-    const std::vector<std::string> messages = reports.Messages();
-    return std::find(messages.begin(), messages.end(), answerRefused) != messages.end();
-  };
+  std::vector<std::string> messages;
   for (const auto deadline = std::chrono::steady_clock::now() + kLimit;
-       !answerWasRefused() && std::chrono::steady_clock::now() < deadline;) {
+       (messages.empty() || messages.back() != answerRefused) &&
+       std::chrono::steady_clock::now() < deadline;
+       messages = reports.Messages()) {
     m_controller->TakeAnswer("rogue", "", std::chrono::milliseconds(100));
   }
-  std::vector<std::string> messages = reports.Messages();
   ASSERT_FALSE(messages.empty());
   EXPECT_EQ(messages.back(), answerRefused);
   for (const std::string& message : messages)

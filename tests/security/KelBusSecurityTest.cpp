@@ -111,11 +111,11 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
   FatalErrorCapture reports;
   PeerController solver("solver");
   ASSERT_TRUE(solver.Bus().Joined()) << KelBusLastError();
+  DepartureNotes departures;  // heard while the solver waits
+  ASSERT_EQ(solver.Bus().WatchDepartures(departures), KELBUS_OK);
   joinAs("monitor");
   const KelMsgBBApplication monitor("monitor");
   ASSERT_TRUE(monitor.Joined()) << KelBusLastError();
-  DepartureNotes departures;
-  ASSERT_EQ(monitor.WatchDepartures(departures), KELBUS_OK);
 
   const RawMqttClient::Identity eve{
       .user = "eve", .password = FirstLine(files.PasswordFileOf("eve")), .caFile = files.caFile};

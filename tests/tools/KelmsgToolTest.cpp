@@ -248,6 +248,8 @@ TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
   EXPECT_EQ(KelmsgProcess({"send", "nobody", "--as", "helper", "--text", "in"}).ExitCode(), 0);
   KelmsgProcess impostor({"send", "nobody", "--as", "solver", "--text", "in"});
   EXPECT_EQ(impostor.ExitCode(), 1);
+  EXPECT_EQ(impostor.Err().find("Not authorized"), impostor.Err().rfind("Not authorized"))
+      << "in one line: " << impostor.Err();
   EXPECT_NE(impostor.Err().find("Not authorized"), std::string::npos) << impostor.Err();
   unsetenv("KELBUS_PASSWORD_FILE");
   KelmsgProcess anonymous({"send", "nobody", "--text", "in"});
