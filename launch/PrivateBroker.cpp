@@ -172,8 +172,11 @@ bool PrivateBroker::Start() {
 
 // The project's configuration with its listener moved to our address and
 // port, secured as the settings ask, and its persistent state in the state
-// directory.
+// directory: the files it names are the settings' own.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
+  static const std::set<std::string> kReplaced = {
+      "certfile", "keyfile", "password_file", "acl_file", "persistence_location",
+      "log_dest", "user"};
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
   if (!project || !derived)
@@ -184,6 +187,8 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
     derived << "user root\n";
   std::string line;
   while (std::getline(project, line)) {
+    if (kReplaced.contains(line.substr(0, line.find(' '))))
+      continue;
     if (line.starts_with("listener ")) {
       line = "listener " + std::to_string(m_port) + " " + m_settings.address;
       if (!m_settings.certificateFile.empty()) {
@@ -191,10 +196,15 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
                 "\nciphers_tls1.3 " + kTls13Ciphers;
       }
     } else if (line.starts_with("allow_anonymous ") && !m_settings.passwordFile.empty()) {
-      line = "allow_anonymous false\npassword_file " + m_settings.passwordFile;
+      line = "allow_anonymous false";
     }
     derived << line << '\n';
   }
+  if (!m_settings.passwordFile.empty())
+    derived << "password_file " << m_settings.passwordFile << '\n';
+  if (!m_settings.aclFile.empty())
+    derived << "acl_file " << m_settings.aclFile << '\n';
+  derived << "log_dest stderr\n";
   const std::string state =
       m_settings.stateDirectory.empty() ? m_directory : m_settings.stateDirectory;
   derived << "persistence_location " << state << "/\n";

@@ -1,7 +1,9 @@
-// PrivateBroker: a mosquitto of one's own, configured like the project's
-// broker (config/kelbus-mosquitto.conf) except that it listens on the address
-// and port it is given, with TLS and passwords if asked to, and runs as the
-// user who starts it.  `kelmsg bus`, the tests and the benchmarks start
+// PrivateBroker: a mosquitto of one's own, configured like one of the
+// project's brokers (config/kelbus-mosquitto.conf, kelbus-site-mosquitto.conf)
+// except that it listens on the address and port it is given, takes its
+// certificate, password and access rule files and its state directory from
+// the settings, logs to its own directory, and runs as the user who starts
+// it.  `kelmsg bus`, the tests and the benchmarks start
 // their brokers with it.
 //
 // The broker lives in a fresh directory under the system's temporary
@@ -39,6 +41,8 @@ class PrivateBroker {
     std::string certificateFile{}, keyFile{};
     // When set, only the users of this mosquitto password_file may connect.
     std::string passwordFile{};
+    // When set, the access rules of this mosquitto acl_file apply.
+    std::string aclFile{};
     // Where the broker keeps its persistent state; empty: the broker's
     // private directory, which goes with the object.
     std::string stateDirectory{};
@@ -65,7 +69,8 @@ class PrivateBroker {
   // Asks the broker to stop (SIGTERM) and waits for it, at most `limit`;
   // true when it exited with status 0 in time.  Kills it otherwise.
   bool Stop(std::chrono::milliseconds limit);
-  // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it).
+  // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it,
+  // SIGHUP makes it read its password and access rule files again).
   void Signal(int signal);
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill();

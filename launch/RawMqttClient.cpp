@@ -18,11 +18,23 @@ struct Library {
 
 }  // namespace
 
-RawMqttClient::RawMqttClient(int port, OnMessage onMessage) : m_onMessage(std::move(onMessage)) {
+RawMqttClient::RawMqttClient(int port, OnMessage onMessage)
+    : RawMqttClient(port, std::move(onMessage), Identity()) {}
+
+RawMqttClient::RawMqttClient(int port, OnMessage onMessage, const Identity& identity)
+    : m_onMessage(std::move(onMessage)) {
   static Library library;
-  m_client = mosquitto_new(nullptr, true, this);
+  m_client =
+      mosquitto_new(identity.clientId.empty() ? nullptr : identity.clientId.c_str(), true, this);
   if (m_client == nullptr)
     return;
+  if (!identity.user.empty())
+    mosquitto_username_pw_set(m_client, identity.user.c_str(), identity.password.c_str());
+  if (!identity.caFile.empty() &&
+      mosquitto_tls_set(m_client, identity.caFile.c_str(), nullptr, nullptr, nullptr, nullptr) !=
+          MOSQ_ERR_SUCCESS) {
+    return;
+  }
   mosquitto_int_option(m_client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
   mosquitto_int_option(m_client, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_connect_v5_callback_set(m_client, &RawMqttClient::OnConnect);
@@ -57,6 +69,21 @@ bool RawMqttClient::Subscribe(const std::string& topic) {
 
 bool RawMqttClient::Publish(const std::string& topic, const void* bytes, int size,
                             const std::string& contentType) {
+  return Send(topic, bytes, size, contentType, false) != 0;
+}
+
+bool RawMqttClient::PublishAccepted(const std::string& topic, const std::string& payload,
+                                    const std::string& contentType, bool retained) {
+  const int mid =
+      Send(topic, payload.data(), static_cast<int>(payload.size()), contentType, retained);
+  if (mid == 0 || !Flush(kConnectLimit))
+    return false;
+  std::lock_guard lock(m_mutex);
+  return !m_refused.contains(mid);
+}
+
+int RawMqttClient::Send(const std::string& topic, const void* bytes, int size,
+                        const std::string& contentType, bool retained) {
   const std::size_t cost = static_cast<std::size_t>(size) + topic.size();
   {
     std::unique_lock lock(m_mutex);
@@ -66,7 +93,7 @@ bool RawMqttClient::Publish(const std::string& topic, const void* bytes, int siz
              m_unacknowledgedBytes + cost <= KELBUS_SEND_WINDOW_BYTES;
     });
     if (!m_connected)
-      return false;
+      return 0;
   }
   mosquitto_property* properties = nullptr;
   if (!contentType.empty())
@@ -75,17 +102,17 @@ bool RawMqttClient::Publish(const std::string& topic, const void* bytes, int siz
   // Not under the mutex: the network thread holds libmosquitto's locks while
   // it waits for ours in OnPublish.
   const int result =
-      mosquitto_publish_v5(m_client, &mid, topic.c_str(), size, bytes, 1, false, properties);
+      mosquitto_publish_v5(m_client, &mid, topic.c_str(), size, bytes, 1, retained, properties);
   mosquitto_property_free_all(&properties);
   if (result != MOSQ_ERR_SUCCESS)
-    return false;
+    return 0;
   std::lock_guard lock(m_mutex);
   // The acknowledgement may have come first.
   if (m_earlyAcknowledgements.erase(mid) == 0) {
     m_unacknowledged[mid] = cost;
     m_unacknowledgedBytes += cost;
   }
-  return true;
+  return mid;
 }
 
 bool RawMqttClient::Flush(std::chrono::milliseconds limit) {
@@ -109,10 +136,12 @@ void RawMqttClient::OnSubscribe(mosquitto*, void* self, int mid, int /*count*/,
   client->m_changed.notify_all();
 }
 
-void RawMqttClient::OnPublish(mosquitto*, void* self, int mid, int /*reason*/,
+void RawMqttClient::OnPublish(mosquitto*, void* self, int mid, int reason,
                               const mosquitto_property* /*properties*/) {
   auto* client = static_cast<RawMqttClient*>(self);
   std::lock_guard lock(client->m_mutex);
+  if (reason >= MQTT_RC_UNSPECIFIED)
+    client->m_refused.insert(mid);
   const auto sent = client->m_unacknowledged.find(mid);
   if (sent == client->m_unacknowledged.end()) {
     client->m_earlyAcknowledgements.insert(mid);

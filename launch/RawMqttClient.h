@@ -29,9 +29,17 @@ class RawMqttClient {
   // Runs on the client's network thread for every message that arrives.
   using OnMessage = std::function<void(const std::string& topic, const char* bytes, int size)>;
 
+  // Whom the client says it is; by default an anonymous client with an
+  // identifier of the library's choice, in the clear.
+  struct Identity {
+    std::string clientId{}, user{}, password{};
+    std::string caFile{};  // when set, TLS with the broker's certificate checked against it
+  };
+
   // Connects to the broker on the loopback port `port`; Connected() tells
   // whether that worked within a few seconds.
   explicit RawMqttClient(int port, OnMessage onMessage = {});
+  RawMqttClient(int port, OnMessage onMessage, const Identity& identity);
   ~RawMqttClient();
   RawMqttClient(const RawMqttClient&) = delete;
   RawMqttClient& operator=(const RawMqttClient&) = delete;
@@ -45,10 +53,17 @@ class RawMqttClient {
   // that runs it is the one that empties the window.
   bool Publish(const std::string& topic, const void* bytes, int size,
                const std::string& contentType = "");
+  // Publishes as Publish does, retained if asked, and waits for the
+  // broker's answer: whether it took the message.
+  bool PublishAccepted(const std::string& topic, const std::string& payload,
+                       const std::string& contentType = "", bool retained = false);
   // Waits until the broker has acknowledged every message published.
   bool Flush(std::chrono::milliseconds limit);
 
  private:
+  // The message identifier of the publication, 0 when it failed.
+  int Send(const std::string& topic, const void* bytes, int size, const std::string& contentType,
+           bool retained);
   static void OnConnect(mosquitto*, void* self, int result, int flags,
                         const mosquitto_property* properties);
   static void OnSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
@@ -67,6 +82,7 @@ class RawMqttClient {
   std::map<int, std::size_t> m_unacknowledged;  // message id -> bytes
   std::size_t m_unacknowledgedBytes = 0;
   std::set<int> m_earlyAcknowledgements;  // acknowledged before Publish recorded them
+  std::set<int> m_refused;                // messages the broker refused
 };
 
 #endif  // KELMSG_LAUNCH_RAWMQTTCLIENT_H_

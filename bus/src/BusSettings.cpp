@@ -34,6 +34,7 @@ BusSettings BusSettingsFromEnvironment() {
   BusSettings settings;
   Override("KELBUS_SESSION_EXPIRY_SECONDS", &settings.sessionExpiry);
   Override("KELBUS_DEPARTURE_DELAY_SECONDS", &settings.departureDelay);
+  Override("KELBUS_DEPARTURE_EXPIRY_SECONDS", &settings.departureExpiry);
   Override("KELBUS_SEND_TIMEOUT_SECONDS", &settings.sendTimeout);
   return settings;
 }

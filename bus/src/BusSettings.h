@@ -14,6 +14,9 @@ struct BusSettings {
   // How long after a holder's connection breaks the broker publishes its
   // departure (KELBUS_DEPARTURE_DELAY_SECONDS).
   std::chrono::seconds departureDelay{30};
+  // How long the broker keeps a departure record once published, 0 for ever
+  // (KELBUS_DEPARTURE_EXPIRY_SECONDS).
+  std::chrono::seconds departureExpiry{86400};
   // How long SendRequest blocks for room before it gives the message up
   // (KELBUS_SEND_TIMEOUT_SECONDS).
   std::chrono::seconds sendTimeout{300};

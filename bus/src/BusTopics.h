@@ -1,16 +1,22 @@
 // The MQTT names of one bus: topics and client identifiers, all under the
 // bus's namespace.
 //
-//   <ns>/a/<app>   messages to the application <app>
-//   <ns>/p/<app>   presence and departure records of its holder
-//   <ns>/c/<tag>   credits for the sender whose identifier is <tag>
+//   <ns>/a/<app>/<from>  messages to the application <app> from a
+//                        communicator that holds the application <from>
+//   <ns>/a/<app>         messages to <app> from anybody else
+//   <ns>/p/<app>         presence and departure records of its holder
+//   <ns>/c/<from>/<tag>  credits and presence probes for the sender whose
+//                        identifier is <tag>, holding <from>
+//   <ns>/c/<tag>         the same for a sender that holds no application
 //
-// <app> is the application name percent-encoded into one topic level.  The
-// client identifier of an application's holder is its message topic, so the
-// broker admits one live holder per name.
+// <app> and <from> are application names percent-encoded into one topic
+// level.  A broker's access rules grant the levels per identity.  The client
+// identifier of an application's holder is <ns>/a/<app>, so the broker
+// admits one live holder per name.
 #ifndef KELBUS_SRC_BUSTOPICS_H_
 #define KELBUS_SRC_BUSTOPICS_H_
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,19 +25,24 @@ namespace kelbus {
 // Every byte outside A-Z a-z 0-9 - . _ becomes %XX (upper-case hex), so the
 // result holds no topic separator or wildcard and is plain ASCII.
 void AppendEscapedLevel(std::string_view name, std::string* out);
+// The name whose escaped form is `level`, or nothing when `level` is not
+// exactly what AppendEscapedLevel makes of some name.
+std::optional<std::string> UnescapeLevel(std::string_view level);
 
 class BusTopics {
  public:
   explicit BusTopics(std::string nameSpace);
 
-  // Appends the topic of `app`'s messages to `*out` (cleared first), reusing
-  // its storage.
-  void MessageTopic(std::string_view app, std::string* out) const;
-  std::string MessageTopic(std::string_view app) const;
+  // The topic of messages to `app` from the holder of `from` (empty: from a
+  // communicator that holds none) into `*out`, reusing its storage.
+  void MessageTopic(std::string_view app, std::string_view from, std::string* out) const;
+  // Matches every message to `app`.
+  std::string MessageFilter(std::string_view app) const;
   std::string PresenceTopic(std::string_view app) const;
   // Matches the presence topics of every application.
   std::string PresenceFilter() const;
-  std::string CreditTopic(std::string_view senderTag) const;
+  // `from` as for MessageTopic.
+  std::string CreditTopic(std::string_view from, std::string_view senderTag) const;
   std::string HolderClientId(std::string_view app) const;
   // The client identifier of a communicator that holds no application;
   // `instance` sets it apart from any other, even of a recycled process id.
@@ -39,6 +50,10 @@ class BusTopics {
                                    int communicator, std::string_view instance) const;
 
   bool IsMessageTopic(std::string_view topic) const;
+  // What a message topic of `app` says of its sender: the application the
+  // broker let publish it, or none for the bare topic.
+  enum class SenderLevel { kNone, kApplication, kMalformed };
+  SenderLevel SenderOf(std::string_view topic, std::string_view app, std::string* from) const;
   bool IsPresenceTopic(std::string_view topic) const;
   bool IsCreditTopic(std::string_view topic) const;
 

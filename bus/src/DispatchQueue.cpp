@@ -59,11 +59,12 @@ void DispatchQueue::Discard(int communicator) {
                 [communicator](const Delivery& d) { return d.communicator == communicator; });
 }
 
-void Inbox::Message(std::string_view type, const void* bytes, std::size_t size,
-                    Origin origin) const {
+void Inbox::Message(std::string_view type, const void* bytes, std::size_t size, Origin origin,
+                    std::optional<std::string> sender) const {
   const auto* first = static_cast<const unsigned char*>(bytes);
   m_queue->Push(
-      {m_communicator, ReceivedMessage{std::string(type), {first, first + size}, origin}});
+      {m_communicator,
+       ReceivedMessage{std::string(type), {first, first + size}, origin, std::move(sender)}});
 }
 
 void Inbox::Departed(Departure departure) const {

@@ -29,6 +29,9 @@ struct ReceivedMessage {
   std::string type;
   std::vector<unsigned char> bytes;
   Origin origin;
+  // The application the broker let send it; none when the sender holds no
+  // application or the bus cannot tell.
+  std::optional<std::string> sender;
 };
 
 struct Departure {
@@ -79,8 +82,8 @@ class Inbox {
  public:
   Inbox(DispatchQueue& queue, int communicator) : m_queue(&queue), m_communicator(communicator) {}
 
-  void Message(std::string_view type, const void* bytes, std::size_t size,
-               Origin origin = {}) const;
+  void Message(std::string_view type, const void* bytes, std::size_t size, Origin origin = {},
+               std::optional<std::string> sender = std::nullopt) const;
   void Departed(Departure departure) const;
   // The communicator's state changed (connection, name).
   void Wake() const { m_queue->Wake(); }

@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "BusAddress.h"
@@ -20,6 +22,23 @@ namespace kelbus {
 namespace {
 
 constexpr unsigned char kNoBytes[1] = {};
+
+// The vouched sender of the message whose receive callback runs on this
+// thread.  A callback that waits again dispatches other messages; their
+// senders give way to this one's when the nested dispatch returns.
+thread_local const std::optional<std::string>* t_sender = nullptr;
+
+class SenderInScope {
+ public:
+  explicit SenderInScope(const std::optional<std::string>& sender)
+      : m_outer(std::exchange(t_sender, &sender)) {}
+  ~SenderInScope() { t_sender = m_outer; }
+  SenderInScope(const SenderInScope&) = delete;
+  SenderInScope& operator=(const SenderInScope&) = delete;
+
+ private:
+  const std::optional<std::string>* m_outer;
+};
 
 KelBusResult NoCommunicator(int id) {
   return Fail(KELBUS_ERR_BAD_ID, "no open communicator " + std::to_string(id));
@@ -43,6 +62,7 @@ void Dispatch(BusState& bus, const Delivery& delivery) {
   if (const auto* message = std::get_if<ReceivedMessage>(&delivery.content)) {
     if (const KelBusReceiveCallback receive = communicator->Receiver()) {
       const unsigned char* bytes = message->bytes.empty() ? kNoBytes : message->bytes.data();
+      const SenderInScope sender(message->sender);
       receive(message->type.c_str(), bytes, static_cast<int>(message->bytes.size()));
     }
     communicator->Consumed(*message);
@@ -188,6 +208,11 @@ int CloseCommunicator(int communicatorId) {
   bus.Queue().Discard(communicatorId);
   bus.Queue().Wake();
   return KELBUS_OK;
+}
+
+const char* KelBusMessageSender(void) {
+  const std::optional<std::string>* sender = kelbus::t_sender;
+  return sender != nullptr && sender->has_value() ? (*sender)->c_str() : nullptr;
 }
 
 const char* KelBusLastError(void) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 
 #include "LastError.h"
@@ -28,7 +29,8 @@ class LocalHub {
   KelBusResult Claim(LocalTransport& claimant, const std::string& app, bool takeOver);
   // Copies the message into the holder's inbox; drops it when nobody ever
   // held `target`, and refuses it when its holder left.
-  KelBusResult Deliver(std::string_view target, const char* type, const void* bytes, int size);
+  KelBusResult Deliver(const LocalTransport& sender, std::string_view target, const char* type,
+                       const void* bytes, int size);
   void Watch(LocalTransport& watcher, bool on);
   // `member` leaves: gives its application up and reports its departure.
   void Leave(LocalTransport& member);
@@ -58,7 +60,7 @@ class LocalTransport final : public Transport {
   }
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                     int size) override {
-    return m_hub.Deliver(target, type, bytes, size);
+    return m_hub.Deliver(*this, target, type, bytes, size);
   }
   // The sender and the holder share the dispatch queue and its memory, so
   // no window stands between them.
@@ -120,12 +122,18 @@ KelBusResult LocalHub::Claim(LocalTransport& claimant, const std::string& app, b
   return KELBUS_OK;
 }
 
-KelBusResult LocalHub::Deliver(std::string_view target, const char* type, const void* bytes,
-                               int size) {
+KelBusResult LocalHub::Deliver(const LocalTransport& sender, std::string_view target,
+                               const char* type, const void* bytes, int size) {
   std::lock_guard lock(m_mutex);
   const auto holder = m_holders.find(target);
   if (holder != m_holders.end()) {
-    holder->second->m_inbox.Message(type, bytes, static_cast<std::size_t>(size));
+    // Every communicator of the process is the process itself: the hub
+    // knows for sure which application sent.
+    std::optional<std::string> from;
+    if (!sender.m_self.app.empty())
+      from = sender.m_self.app;
+    holder->second->m_inbox.Message(type, bytes, static_cast<std::size_t>(size), {},
+                                    std::move(from));
   } else if (m_left.contains(target)) {
     return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
   }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Diagnostics.h"
 #include "LastError.h"
@@ -89,10 +90,18 @@ void MqttLink::SetLastingSession(std::chrono::seconds expiry) {
   m_sessionExpiry = expiry;
 }
 
-void MqttLink::SetWill(std::string topic, std::string payload, std::chrono::seconds delay) {
+void MqttLink::SetWill(std::string topic, std::string payload, std::chrono::seconds delay,
+                       std::chrono::seconds expiry) {
   m_willTopic = std::move(topic);
   m_willPayload = std::move(payload);
   m_willDelay = delay;
+  m_willExpiry = expiry;
+}
+
+Properties MqttLink::WillExpiry() const {
+  return m_willExpiry.count() > 0
+             ? IntervalProperty(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, m_willExpiry)
+             : nullptr;
 }
 
 void MqttLink::SetBirth(std::string topic, std::string payload) {
@@ -143,13 +152,19 @@ KelBusResult MqttLink::Configure() {
     mosquitto_username_pw_set(m_mosq, m_address.user.c_str(), password);
   }
   if (!m_willTopic.empty()) {
-    Properties delay = IntervalProperty(MQTT_PROP_WILL_DELAY_INTERVAL, m_willDelay);
+    Properties properties = IntervalProperty(MQTT_PROP_WILL_DELAY_INTERVAL, m_willDelay);
+    if (Properties expiry = WillExpiry()) {
+      mosquitto_property* list = properties.release();
+      mosquitto_property_add_int32(&list, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
+                                   static_cast<std::uint32_t>(m_willExpiry.count()));
+      properties.reset(list);
+    }
     const int result =
         mosquitto_will_set_v5(m_mosq, m_willTopic.c_str(), static_cast<int>(m_willPayload.size()),
-                              m_willPayload.data(), kQos, true, delay.get());
+                              m_willPayload.data(), kQos, true, properties.get());
     if (result != MOSQ_ERR_SUCCESS)
       return FailFromMosquitto(result, KELBUS_ERR_TRANSPORT, "cannot set the departure record");
-    delay.release();  // the library owns it now
+    properties.release();  // the library owns it now
   }
   return KELBUS_OK;
 }
@@ -198,7 +213,14 @@ KelBusResult MqttLink::Settle(Clock::time_point deadline) {
     return Fail(KELBUS_ERR_TRANSPORT, "the broker did not acknowledge in time");
   if (m_subscriptionRefused)
     return Fail(KELBUS_ERR_REFUSED, "the broker refused a subscription");
-  return KELBUS_OK;
+  return TakeRefusalLocked();
+}
+
+KelBusResult MqttLink::TakeRefusalLocked() {
+  if (m_refusal.empty())
+    return KELBUS_OK;
+  return Fail(KELBUS_ERR_REFUSED,
+              "the broker at " + m_address.Describe() + " " + std::exchange(m_refusal, {}));
 }
 
 KelBusResult MqttLink::Drain(Clock::time_point deadline) {
@@ -222,6 +244,8 @@ KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int 
     return Fail(KELBUS_ERR_DISCONNECTED, "the connection to " + m_address.Describe() +
                                              " is closed; the message was not sent");
   }
+  if (const KelBusResult refused = TakeRefusalLocked(); refused != KELBUS_OK)
+    return refused;
   if (!room) {
     return Fail(KELBUS_ERR_TIMEOUT, "the broker at " + m_address.Describe() +
                                         " did not take the messages before it in time");
@@ -273,7 +297,7 @@ void MqttLink::Close(bool withWill) {
     if (up) {
       if (withWill && !m_willTopic.empty()) {
         PublishLocked(m_willTopic, m_willPayload.data(), static_cast<int>(m_willPayload.size()),
-                      nullptr, Publication::kRetained);
+                      WillExpiry().get(), Publication::kRetained);
       }
       const Properties endSession =
           m_sessionExpiry ? IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, {}) : nullptr;
@@ -463,11 +487,10 @@ void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int, const mosq
 void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,
                              const mosquitto_property*) {
   MqttLink& link = Self(self);
-  if (reason >= MQTT_RC_UNSPECIFIED) {
-    Diagnose("KelBus: the broker at " + link.m_address.Describe() +
-             " refused a message: " + mosquitto_reason_string(reason));
-  }
   std::lock_guard lock(link.m_mutex);
+  if (reason >= MQTT_RC_UNSPECIFIED) {
+    link.m_refusal = std::string("refused a message: ") + mosquitto_reason_string(reason);
+  }
   link.m_window.Acknowledge(mid);
   link.m_changed.notify_all();
 }

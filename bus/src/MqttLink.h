@@ -100,8 +100,10 @@ class MqttLink {
   // the broker keeps it while the connection is down.
   void SetLastingSession(std::chrono::seconds expiry);
   // Both retained, QoS 1; the broker holds the will back for `delay` after
-  // the connection broke.
-  void SetWill(std::string topic, std::string payload, std::chrono::seconds delay);
+  // the connection broke, and drops it `expiry` after publishing it (0:
+  // keeps it).
+  void SetWill(std::string topic, std::string payload, std::chrono::seconds delay,
+               std::chrono::seconds expiry);
   void SetBirth(std::string topic, std::string payload);
   void SetReconnectGuard(std::function<Verdict()> guard);
 
@@ -114,7 +116,8 @@ class MqttLink {
   // calling thread's last error.
   KelBusResult Open(Clock::time_point deadline);
   // Waits until the broker has acknowledged every subscription and message
-  // so far.
+  // so far.  KELBUS_ERR_REFUSED when it refused one of them since the last
+  // Settle or Publish that said so.
   KelBusResult Settle(Clock::time_point deadline);
   // As Settle, and waits as well until the link has read every message that
   // the broker sent it so far: renews a subscription, whose acknowledgement
@@ -122,7 +125,9 @@ class MqttLink {
   KelBusResult Drain(Clock::time_point deadline);
   // Publishes at QoS 1, not retained, once the send window has room, also
   // while the connection is being restored: what the window holds goes out
-  // once it is back.  Gives up at `deadline` (KELBUS_ERR_TIMEOUT).
+  // once it is back.  Gives up at `deadline` (KELBUS_ERR_TIMEOUT).  Fails
+  // with KELBUS_ERR_REFUSED, sending nothing, when the broker refused a
+  // message since the last report of a refusal.
   KelBusResult Publish(const std::string& topic, const void* bytes, int size,
                        const mosquitto_property* properties, Clock::time_point deadline);
   // Publishes a small message at QoS 1, not retained, at once and outside
@@ -181,6 +186,10 @@ class MqttLink {
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
                              const mosquitto_property* properties, Publication publication);
   void SetStateLocked(State state);
+  // KELBUS_ERR_REFUSED, once, after the broker refused a message.
+  KelBusResult TakeRefusalLocked();
+  // The message expiry of the will, or none.
+  Properties WillExpiry() const;
 
   const BusAddress m_address;
   const std::string m_clientId;
@@ -188,6 +197,7 @@ class MqttLink {
   std::optional<std::chrono::seconds> m_sessionExpiry;  // none: ephemeral
   std::string m_willTopic, m_willPayload;
   std::chrono::seconds m_willDelay{0};
+  std::chrono::seconds m_willExpiry{0};
   std::string m_birthTopic, m_birthPayload;
   std::function<Verdict()> m_guard;
 
@@ -215,6 +225,7 @@ class MqttLink {
   std::vector<Subscription> m_subscriptions;
   std::vector<int> m_awaitedSubscriptions;  // mids without SUBACK
   bool m_subscriptionRefused = false;
+  std::string m_refusal;  // why the broker refused a message, until reported
   SendWindow m_window;
 };
 

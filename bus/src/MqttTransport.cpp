@@ -165,7 +165,7 @@ KelBusResult MqttTransport::Connect(const std::string& label) {
                                     SenderTag(m_senderId)),
       *this);
   link->SetLastingSession(m_settings.sessionExpiry);
-  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
+  link->Subscribe(m_topics.CreditTopic({}, SenderTag(m_senderId)), 0);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
   m_link = std::move(link);
@@ -177,14 +177,16 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
   link->SetLastingSession(m_settings.sessionExpiry);
-  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(),
-                m_settings.departureDelay);
+  link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(), m_settings.departureDelay,
+                m_settings.departureExpiry);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
   link->SetReconnectGuard([this, app = presence.app, claim = presence.claim] {
     return CheckNameStillOurs(app, claim);
   });
-  link->Subscribe(m_topics.MessageTopic(presence.app), 0);
-  link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
+  link->Subscribe(m_topics.MessageFilter(presence.app), 0);
+  // Credits for what went out before the claim come on the first topic.
+  link->Subscribe(m_topics.CreditTopic({}, SenderTag(m_senderId)), 0);
+  link->Subscribe(m_topics.CreditTopic(presence.app, SenderTag(m_senderId)), 0);
   for (const std::string& target : m_targets.Applications())
     link->Subscribe(m_topics.PresenceTopic(target), MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
   if (m_watching)
@@ -196,6 +198,10 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
   std::lock_guard operation(m_operationMutex);
   const auto deadline = Clock::now() + kConnectLimit;
   PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  if (reading.result == KELBUS_ERR_REFUSED) {
+    return Fail(reading.result, "the broker's access rules do not let user '" + m_address.user +
+                                    "' hold application '" + app + "' (" + LastErrorText() + ")");
+  }
   if (reading.result != KELBUS_OK)
     return reading.result;
   if (reading.record && reading.record->kind != ProcessRecord::Kind::kPresent)
@@ -231,6 +237,7 @@ KelBusResult MqttTransport::Claim(const std::string& app, bool takeOver) {
     retired = std::exchange(m_link, std::move(holder));
   }
   m_claimed = true;
+  m_targetTopic.clear();  // messages go out under the application from now on
   retired->Close(false);
   return KELBUS_OK;
 }
@@ -294,14 +301,15 @@ void MqttTransport::LearnPresence(std::string_view app) {
   probe.kind = ProcessRecord::Kind::kProbe;
   probe.app = app;
   probe.claim = RandomClaim();
-  const std::string topic = m_topics.PresenceTopic(app);
-  m_link->Subscribe(topic, MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
+  m_link->Subscribe(m_topics.PresenceTopic(app), MQTT_SUB_OPT_SEND_RETAIN_ALWAYS);
   if (m_link->CurrentState() != MqttLink::State::kUp)
     return;
   // The broker queues the retained record at the subscription, so it comes
-  // before the probe.
+  // before the probe, which goes to this sender's own topic: the presence
+  // topic is its holder's alone.
   const auto deadline = Clock::now() + kConnectLimit;
   const std::string payload = probe.Encode();
+  const std::string topic = m_topics.CreditTopic(m_claimed ? m_app : "", SenderTag(m_senderId));
   m_targets.ExpectProbe(app, probe.claim);
   if (m_link->Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline) ==
       KELBUS_OK) {
@@ -314,12 +322,13 @@ void MqttTransport::LearnPresence(std::string_view app) {
 KelBusResult MqttTransport::Send(std::string_view target, const char* type, const void* bytes,
                                  int size) {
   std::lock_guard operation(m_operationMutex);
-  if (m_targets.Add(target))
+  const bool firstToTarget = m_targets.Add(target);
+  if (firstToTarget)
     LearnPresence(target);
   // Consecutive sends mostly go to one target.
   if (target != m_lastTarget || m_targetTopic.empty()) {
     m_lastTarget.assign(target);
-    m_topics.MessageTopic(target, &m_targetTopic);
+    m_topics.MessageTopic(target, m_claimed ? m_app : "", &m_targetTopic);
   }
   SequenceLabel(m_senderId, m_targets.NextSequence(target), &m_label);
   Properties properties;
@@ -344,12 +353,21 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
                  ? Fail(KELBUS_ERR_NAME_LOST, "this communicator's application was taken over")
                  : Fail(KELBUS_ERR_BAD_ID, "the communicator was closed");
   }
-  const KelBusResult result =
-      m_link->Publish(m_targetTopic, bytes, size, properties.get(), deadline);
-  if (result == KELBUS_OK)
+  KelBusResult result = m_link->Publish(m_targetTopic, bytes, size, properties.get(), deadline);
+  if (result == KELBUS_OK) {
     m_targets.Sent(target, cost);
+    // The broker's access rules refuse a sender as a whole, so a refusal
+    // shows on the first message to a target, and is reported at once.
+    if (firstToTarget && m_link->Settle(Clock::now() + kConnectLimit) == KELBUS_ERR_REFUSED)
+      result = KELBUS_ERR_REFUSED;
+  }
   if (result == KELBUS_ERR_TIMEOUT)
     return gaveUp(LastErrorText());
+  if (result == KELBUS_ERR_REFUSED) {
+    return Fail(result, "cannot send to '" + std::string(target) + "' as " +
+                            (m_claimed ? "'" + m_app + "'" : "a communicator without application") +
+                            ": " + LastErrorText());
+  }
   return result;
 }
 
@@ -376,9 +394,12 @@ void MqttTransport::Close() {
   if (m_closed || !m_link)
     return;
   m_closed = true;
-  // While the connection is down nothing can reach the broker.
-  if (m_link->CurrentState() == MqttLink::State::kUp)
-    m_link->Settle(Clock::now() + kConnectLimit);
+  // While the connection is down nothing can reach the broker.  A refusal
+  // that no later send reported is told here.
+  if (m_link->CurrentState() == MqttLink::State::kUp &&
+      m_link->Settle(Clock::now() + kConnectLimit) == KELBUS_ERR_REFUSED) {
+    Diagnose("KelBus: " + std::string(LastErrorText()));
+  }
   m_link->Close(m_claimed);
 }
 
@@ -414,8 +435,14 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
 
 void MqttTransport::TakeCredit(const void* payload, std::size_t size) {
   constexpr std::size_t kFieldBytes = 8;
-  if (size != 2 * kFieldBytes)
+  if (size != 2 * kFieldBytes) {
+    // Not a credit: this sender's own presence probe.
+    if (const auto probe = ProcessRecord::Decode(payload, size);
+        probe && probe->kind == ProcessRecord::Kind::kProbe) {
+      m_targets.RecordArrived(*probe);
+    }
     return;
+  }
   const auto* bytes = static_cast<const unsigned char*>(payload);
   const auto field = [bytes](std::size_t at) {
     std::uint64_t value = 0;
@@ -453,11 +480,25 @@ void MqttTransport::Consumed(const ReceivedMessage& message) {
       credit += static_cast<char>((value >> (8 * i)) & 0xFF);
   }
   std::lock_guard lock(m_linkMutex);
-  m_link->PublishControl(m_topics.CreditTopic(SenderTag(sender)), credit);
+  m_link->PublishControl(m_topics.CreditTopic(message.sender.value_or(""), SenderTag(sender)),
+                         credit);
 }
 
 void MqttTransport::Receive(const mosquitto_message& message,
                             const mosquitto_property* properties) {
+  std::optional<std::string> from;
+  std::string application;
+  switch (m_topics.SenderOf(message.topic, m_app, &application)) {
+    case BusTopics::SenderLevel::kApplication:
+      from = std::move(application);
+      break;
+    case BusTopics::SenderLevel::kNone:
+      break;
+    case BusTopics::SenderLevel::kMalformed:
+      Diagnose("KelBus: dropped a message to application '" + m_app +
+               "' whose topic names no sender");
+      return;
+  }
   std::optional<std::pair<std::uint64_t, std::uint64_t>> numbered;  // sender, sequence
   char* name = nullptr;
   char* value = nullptr;
@@ -498,7 +539,7 @@ void MqttTransport::Receive(const mosquitto_message& message,
   mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &type, false);
   const Origin origin = numbered ? Origin{numbered->first, numbered->second} : Origin();
   m_inbox.Message(type != nullptr ? type : "", message.payload,
-                  static_cast<std::size_t>(message.payloadlen), origin);
+                  static_cast<std::size_t>(message.payloadlen), origin, std::move(from));
   std::free(type);
 }
 

@@ -71,6 +71,10 @@ PresenceReading ReadPresence(const BusAddress& address, const BusTopics& topics,
   const std::string payload = probe.Encode();
   reading.result =
       link.Publish(topic, payload.data(), static_cast<int>(payload.size()), nullptr, deadline);
+  // A broker whose access rules keep this identity from the name refuses
+  // the probe at once.
+  if (reading.result == KELBUS_OK)
+    reading.result = link.Settle(deadline);
   if (reading.result == KELBUS_OK && !listener.WaitForProbe(deadline, &reading.record)) {
     reading.result = Fail(KELBUS_ERR_TRANSPORT,
                           "the broker did not answer while reading who holds '" + app + "'");

@@ -159,10 +159,28 @@ TEST_F(FileTransferTest, EveryWayMovesEverySizeByteForByteIntoMode0640Files) {
 // returns 0.
 TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoesOn) {
   FatalErrorCapture reports;
-  StartPeer({"rogue", "--id", "someone-else"}, "someone-else");
+  StartPeer({"rogue", "--id", "someone-else"}, "rogue");
   WriteFile(Peers("x"), RandomBytes(70000));
-  Ask("rogue", "ipush", FromPeer("x", "from-rogue", "rogue"), "ipushed", "someone-else");
-  EXPECT_EQ(fs::file_size(Mine("from-rogue")), 0U) << "its chunks were dropped";
+  std::string ipush = "ipush";
+  for (const std::string& name : FromPeer("x", "from-rogue", "rogue"))
+    ipush += "\n" + name;
+  m_controller->Tell("rogue", ipush);
+  // Its transfer and then its answer: none reaches a handler.
+  const std::string refusal = "claims to come from 'someone-else' but 'rogue' sent it; refused";
+  const std::string answerRefused = "message of type KelMsgStringType " + refusal;
+  std::vector<std::string> messages;
+  for (const auto deadline = std::chrono::steady_clock::now() + kLimit;
+       (messages.empty() || messages.back() != answerRefused) &&
+       std::chrono::steady_clock::now() < deadline;
+       messages = reports.Messages()) {
+    m_controller->TakeAnswer("rogue", "", std::chrono::milliseconds(100));
+  }
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.back(), answerRefused);
+  for (const std::string& message : messages)
+    EXPECT_TRUE(message.ends_with(refusal)) << message;
+  EXPECT_FALSE(fs::exists(Mine("from-rogue")));
+  const auto refused = static_cast<std::ptrdiff_t>(messages.size());
   EXPECT_EQ(m_engine->ReceiveSendCompletion("nobody"), 0);
   EXPECT_EQ(m_engine->CloseFile(-1), 0);
   EXPECT_EQ(m_engine->ReadChunk(), 0) << "from no file";
@@ -177,9 +195,11 @@ TEST_F(FileTransferTest, ASenderUnderAnotherIdentifierIsRefusedAndTheReceiverGoe
   m_engine->SetObserver(nullptr);
   EXPECT_EQ(notes.m_notes, (std::vector<std::string>{"opened late", "opened lost 2",
                                                      "abandoned late", "closed late"}));
-  ASSERT_EQ(reports.Messages(),
-            std::vector<std::string>(2, "AssertionFailed:itr != m_receiveFileMap.end()"));
-  EXPECT_EQ(reports.Reports()[0].path, "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
+  messages = reports.Messages();
+  ASSERT_EQ(std::vector<std::string>(messages.begin() + refused, messages.end()),
+            std::vector<std::string>{"AssertionFailed:itr != m_receiveFileMap.end()"});
+  EXPECT_EQ(reports.Reports()[refused].path,
+            "KelMsgFeaMessaging/KelMsgUtils.m/src/KelMsgFileTransfer");
 
   Ask("peer", "push", FromPeer("x", "from-peer"), "pushed ");
   EXPECT_EQ(ReadFile(Mine("from-peer")), ReadFile(Peers("x")));

@@ -118,8 +118,30 @@ TEST(KelBusUrl, CredentialsComeFromFilesNamedInTheEnvironment) {
 
 TEST(KelBusTopics, AnyApplicationNameBecomesOneSafeLevel) {
   const BusTopics topics("suite");
-  EXPECT_EQ(topics.MessageTopic(std::string("solver_1.a-b/+#d e%\0\xC3\xFF", 22)),
-            "suite/a/solver_1.a-b%2F%2B%23d%20e%25%00%C3%FF");
+  const std::string odd("solver_1.a-b/+#d e%\0\xC3\xFF", 22);
+  std::string topic;
+  topics.MessageTopic(odd, "job", &topic);
+  EXPECT_EQ(topic, "suite/a/solver_1.a-b%2F%2B%23d%20e%25%00%C3%FF/job");
+  // The sender level the broker let through: only the exact escaped form of
+  // one name counts as an application.
+  using Level = BusTopics::SenderLevel;
+  const std::pair<std::string, Level> levels[] = {
+      {"suite/a/job", Level::kNone},
+      {"suite/a/job/" + topic.substr(8, topic.size() - 12), Level::kApplication},
+      {"suite/a/job/a%2f", Level::kMalformed},
+      {"suite/a/job/%61", Level::kMalformed},
+      {"suite/a/job/a%2", Level::kMalformed},
+      {"suite/a/job/", Level::kMalformed},
+      {"suite/a/job/a/b", Level::kMalformed},
+      {"suite/a/jobx/a", Level::kMalformed},
+  };
+  for (const auto& [level, expected] : levels) {
+    std::string from;
+    EXPECT_EQ(topics.SenderOf(level, "job", &from), expected) << level;
+    if (expected == Level::kApplication) {
+      EXPECT_EQ(from, odd);
+    }
+  }
   EXPECT_EQ(topics.PresenceTopic("a/b"), "suite/p/a%2Fb");
   EXPECT_EQ(topics.HolderClientId("solver"), "suite/a/solver");
   EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3, "ab"),

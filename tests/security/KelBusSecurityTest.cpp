@@ -5,14 +5,57 @@
 
 #include <KelMsgFeaMessaging/KelBus.h>
 
+#include <KelMsgFeaMessaging/KelMsgBBApplication.h>
+#include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
+#include <KelMsgFeaMessaging/KelMsgBBDisconnectHandler.h>
+#include <KelMsgFeaMessaging/KelMsgStringType.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
 #include <string>
+#include <vector>
 
+#include "FatalErrorCapture.h"
+#include "PeerController.h"
+#include "ProcessRecord.h"
+#include "RawMqttClient.h"
 #include "TestBroker.h"
 #include "TestTlsFiles.h"
+#include "TextMessages.h"
 
 namespace {
+
+using kelbus::ProcessRecord;
+
+struct DepartureNotes : KelMsgBBDisconnectHandler {
+  void DetectDisconnection(int, const char* app, const char*, const char*) const override {
+    apps.push_back(app);
+  }
+  mutable std::vector<std::string> apps;
+};
+
+std::string FirstLine(const std::string& path) {
+  std::string line;
+  std::getline(std::ifstream(path), line);
+  return line;
+}
+
+// The bytes of a string message whose envelope names `claimed` as its sender.
+std::string Envelope(const char* claimed, const std::string& text) {
+  KelMsgStringType message;
+  message.SetData(text.data(), static_cast<int>(text.size()));
+  KelMsgBBCallbackManager::SetMessageID(claimed);
+  KelMsgBBCallbackManager::AppendMessageToSend(&message);
+  std::string bytes(
+      static_cast<std::size_t>(KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage()),
+      '\0');
+  KelMsgBBCallbackManager::StreamPendingMessage(bytes.data(), static_cast<int>(bytes.size()));
+  return bytes;
+}
 
 TEST(KelBusSecurity, UntrustedBrokersAndWrongPasswordsAreRefusedInOneLine) {
   const TestBroker broker(TestBroker::Security::kTlsAndPasswords);
@@ -48,3 +91,109 @@ TEST(KelBusSecurity, UntrustedBrokersAndWrongPasswordsAreRefusedInOneLine) {
 }
 
 }  // namespace
+
+// One stranger with a valid password ("eve") against the applications
+// "solver" and "monitor" of a broker configured as shipped: every attack
+// fails, no departure is reported, "eve" reads nothing of theirs, and
+// "monitor" still reaches "solver" afterwards.
+TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
+  const TestBroker broker(TestBroker::Security::kSite);
+  ASSERT_TRUE(broker.Running()) << broker.Error();
+  const TestTlsFiles& files = TestTlsFiles::Get();
+  const auto joinAs = [&](const std::string& user) {
+    broker.ExportUrl();
+    unsetenv("KELBUS_DEPARTURE_DELAY_SECONDS");  // as a real holder has it
+    const std::string url = broker.Url();
+    setenv("KELBUS_URL", ("mqtts://" + user + url.substr(url.find('@'))).c_str(), 1);
+    setenv("KELBUS_PASSWORD_FILE", files.PasswordFileOf(user).c_str(), 1);
+  };
+  joinAs("solver");
+  FatalErrorCapture reports;
+  PeerController solver("solver");
+  ASSERT_TRUE(solver.Bus().Joined()) << KelBusLastError();
+  DepartureNotes departures;  // heard while the solver waits
+  ASSERT_EQ(solver.Bus().WatchDepartures(departures), KELBUS_OK);
+  joinAs("monitor");
+  const KelMsgBBApplication monitor("monitor");
+  ASSERT_TRUE(monitor.Joined()) << KelBusLastError();
+
+  const RawMqttClient::Identity eve{
+      .user = "eve", .password = FirstLine(files.PasswordFileOf("eve")), .caFile = files.caFile};
+  std::mutex seenMutex;
+  std::vector<std::string> seen;
+  RawMqttClient reader(
+      broker.Port(),
+      [&](const std::string& topic, const char*, int) {
+        const std::lock_guard lock(seenMutex);
+        seen.push_back(topic);
+      },
+      eve);
+  ASSERT_TRUE(reader.Connected() && reader.Subscribe("kelbus/#"));
+  RawMqttClient attacker(broker.Port(), {}, eve);
+  ASSERT_TRUE(attacker.Connected());
+
+  ProcessRecord forged;
+  forged.kind = ProcessRecord::Kind::kDeparted;
+  forged.app = "solver";
+  const std::string kill = Envelope("monitor", "kill");
+  const std::string kString = KelMsgStringType().Type();
+  struct Attack {
+    const char* name;
+    std::function<bool()> succeeded;
+  };
+  const Attack attacks[] = {
+      {"a forged departure record",
+       [&] { return attacker.PublishAccepted("kelbus/p/solver", forged.Encode(), "", true); }},
+      {"the holder's client identifier and a forged presence record",
+       [&] {
+         forged.kind = ProcessRecord::Kind::kPresent;
+         RawMqttClient thief(broker.Port(), {},
+                             {.clientId = "kelbus/a/solver",
+                              .user = eve.user,
+                              .password = eve.password,
+                              .caFile = eve.caFile});
+         return thief.PublishAccepted("kelbus/p/solver", forged.Encode(), "", true);
+       }},
+      {"an envelope that claims another application",
+       [&] {
+         attacker.PublishAccepted("kelbus/a/solver/eve", kill, kString);
+         return solver.TakeAnswer("monitor", "kill", std::chrono::seconds(2)).has_value();
+       }},
+      {"another application's sender level",
+       [&] { return attacker.PublishAccepted("kelbus/a/solver/monitor", kill, kString); }},
+      {"no sender level",
+       [&] { return attacker.PublishAccepted("kelbus/a/solver", kill, kString); }},
+  };
+  for (const Attack& attack : attacks) {
+    EXPECT_FALSE(attack.succeeded()) << attack.name;
+    bool arrived = false;
+    for (int i = 0; i < 20 && !arrived; ++i) {
+      SendText(monitor, "solver", std::string("after ") + attack.name);
+      arrived = solver.TakeAnswer("monitor", "after", std::chrono::milliseconds(500)).has_value();
+    }
+    EXPECT_TRUE(arrived) << "solver no longer reached after " << attack.name;
+    EXPECT_TRUE(departures.apps.empty()) << attack.name << ": " << departures.apps.front();
+  }
+  const std::lock_guard lock(seenMutex);
+  for (const std::string& topic : seen)
+    EXPECT_TRUE(topic.starts_with("kelbus/p/") || topic.starts_with("kelbus/c/")) << topic;
+  ASSERT_FALSE(reports.Messages().empty());
+  EXPECT_EQ(reports.Messages().front(),
+            "message of type KelMsgStringType claims to come from 'monitor' but 'eve' sent it; "
+            "refused");
+}
+
+// Every shipped broker configuration bounds a message and what it queues
+// per client.
+TEST(KelBusSecurity, ShippedBrokersHaveFiniteLimits) {
+  for (const std::string path : {KELMSG_BROKER_CONFIGURATION, KELMSG_SITE_CONFIGURATION}) {
+    std::ifstream file(path);
+    std::map<std::string, long long> values;
+    for (std::string key, rest; file >> key && std::getline(file, rest);)
+      values[key] = std::atoll(rest.c_str());
+    EXPECT_GT(values["max_packet_size"], 64 << 20) << path;
+    EXPECT_LE(values["max_packet_size"], 65 << 20) << path;
+    EXPECT_GT(values["max_queued_bytes"], 0) << path;
+    EXPECT_LE(values["max_queued_bytes"], 1LL << 30) << path;
+  }
+}

@@ -5,6 +5,8 @@ add_library(kelmsg_process_support STATIC ${CMAKE_CURRENT_LIST_DIR}/TestBroker.c
                                           ${CMAKE_CURRENT_LIST_DIR}/TestTlsFiles.cpp)
 target_include_directories(kelmsg_process_support PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_compile_definitions(kelmsg_process_support PRIVATE
-  KELMSG_BROKER_CONFIGURATION="${PROJECT_SOURCE_DIR}/config/kelbus-mosquitto.conf")
+  KELMSG_BROKER_CONFIGURATION="${PROJECT_SOURCE_DIR}/config/kelbus-mosquitto.conf"
+  KELMSG_SITE_CONFIGURATION="${PROJECT_SOURCE_DIR}/config/kelbus-site-mosquitto.conf"
+  KELMSG_SITE_ACL="${PROJECT_SOURCE_DIR}/config/kelbus-site.acl")
 target_link_libraries(kelmsg_process_support PUBLIC kelmsg_launch PRIVATE kelmsg_warnings)
 

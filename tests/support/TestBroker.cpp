@@ -39,8 +39,12 @@ TestBroker::TestBroker(Security security) : m_security(security) {
 TestBroker::TestBroker(int port) : m_broker(Start(port)) {}
 
 std::unique_ptr<PrivateBroker> TestBroker::Start(int port) const {
-  PrivateBroker::Settings settings{.configuration = KELMSG_BROKER_CONFIGURATION};
-  if (m_security == Security::kTlsAndPasswords) {
+  PrivateBroker::Settings settings{.configuration = m_security == Security::kSite
+                                                        ? KELMSG_SITE_CONFIGURATION
+                                                        : KELMSG_BROKER_CONFIGURATION};
+  if (m_security == Security::kSite)
+    settings.aclFile = KELMSG_SITE_ACL;
+  if (m_security != Security::kNone) {
     const TestTlsFiles& files = TestTlsFiles::Get();
     settings.certificateFile = files.certificateFile;
     settings.keyFile = files.keyFile;

@@ -1,6 +1,8 @@
 // A private broker for one test or benchmark (see PrivateBroker), configured
 // like the project's config/kelbus-mosquitto.conf but listening on a free
-// loopback port, in the clear or with TLS and passwords (TestTlsFiles).  The
+// loopback port, in the clear or with TLS and passwords (TestTlsFiles), or
+// as the shipped site broker: config/kelbus-site-mosquitto.conf with its
+// access rules, config/kelbus-site.acl.  The
 // constructor starts it and waits until it accepts connections; the
 // destructor kills it and removes its files.
 //
@@ -17,7 +19,7 @@
 
 class TestBroker {
  public:
-  enum class Security { kNone, kTlsAndPasswords };
+  enum class Security { kNone, kTlsAndPasswords, kSite };
 
   explicit TestBroker(Security security = Security::kNone);
   // On `port`, one attempt, in the clear.

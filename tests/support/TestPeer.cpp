@@ -85,13 +85,15 @@ int main(int argc, char** argv) {
   const KelMsgBBApplication bus(argv[1]);
   if (!bus.Joined())
     return 3;
-  KelMsgBBCallbackManager::SetMessageID(withId ? argv[4] : argv[1]);
   files.SetCommunicatorId(bus.Communicator());
   auto* commands = new Commands(bus, argv[2], files);
   KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgStringType, commands);
   KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new KelMsgFileTransferType,
                                                     new KelMsgFileTransferHandler(&files));
   commands->Reply("ready");
+  // Ready under its own identifier; from now on it claims another.
+  if (withId)
+    KelMsgBBCallbackManager::SetMessageID(argv[4]);
   bus.Wait(commands->Quit(), -1);
   return 0;
 }

@@ -29,6 +29,11 @@ TestTlsFiles Make() {
   CertificateAuthority("KelBus untrusted CA").Save(files.otherCaFile, directory + "other-ca.key");
   BrokerPasswordFile passwords(files.passwordFile);
   passwords.Set(files.user, files.password);
+  for (const char* user : TestTlsFiles::kOtherUsers) {
+    const std::string password = BrokerPasswordFile::NewPassword();
+    passwords.Set(user, password);
+    std::ofstream(files.PasswordFileOf(user)) << password << '\n';
+  }
   passwords.Save();
   std::ofstream(files.userPasswordFile) << files.password << '\n';
   std::ofstream(files.wrongPasswordFile) << "not" << files.password << '\n';

@@ -222,7 +222,9 @@ TEST(KelmsgBus, SaysSoWhenTheBrokerDiesUnderIt) {
 }
 
 // Only loopback goes without TLS and passwords; `user add` makes a user
-// whose password, with the CA, lets clients in over TLS, and nobody else.
+// whose password, with the CA, lets clients in over TLS, and nobody else;
+// a user added while the bus runs gets in at once, holding the applications
+// it was given and none other.
 TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
   const ScratchDirectory state;
   KelmsgProcess added({"bus", "user", "add", "solver", "--state-dir", state / ""});
@@ -235,7 +237,20 @@ TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
   std::istringstream lines(bus.Out());
   for (std::string line; std::getline(lines, line);)
     setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
-  EXPECT_EQ(KelmsgProcess({"send", "nobody", "--text", "in"}).ExitCode(), 0);
+  EXPECT_EQ(KelmsgProcess({"send", "nobody", "--as", "solver", "--text", "in"}).ExitCode(), 0);
+  ASSERT_EQ(
+      KelmsgProcess({"bus", "user", "add", "eve", "--app", "helper", "--state-dir", state / ""})
+          .ExitCode(),
+      0);
+  setenv("KELBUS_URL",
+         std::regex_replace(getenv("KELBUS_URL"), std::regex("solver@"), "eve@").c_str(), 1);
+  setenv("KELBUS_PASSWORD_FILE", (state / "users/eve.password").c_str(), 1);
+  EXPECT_EQ(KelmsgProcess({"send", "nobody", "--as", "helper", "--text", "in"}).ExitCode(), 0);
+  KelmsgProcess impostor({"send", "nobody", "--as", "solver", "--text", "in"});
+  EXPECT_EQ(impostor.ExitCode(), 1);
+  EXPECT_EQ(impostor.Err().find("Not authorized"), impostor.Err().rfind("Not authorized"))
+      << "in one line: " << impostor.Err();
+  EXPECT_NE(impostor.Err().find("Not authorized"), std::string::npos) << impostor.Err();
   unsetenv("KELBUS_PASSWORD_FILE");
   KelmsgProcess anonymous({"send", "nobody", "--text", "in"});
   EXPECT_EQ(anonymous.ExitCode(), 1);

@@ -41,13 +41,11 @@ struct BusOptions {
 };
 
 // Beside the program, as installed and as built: bin/kelmsg and
-// share/KelMsgFeaMessaging/kelbus-mosquitto.conf.
-std::string InstalledConfiguration() {
+// share/KelMsgFeaMessaging/kelbus-mosquitto.conf, kelbus-site.acl.
+std::string InstalledFile(const char* name) {
   std::error_code error;
   const fs::path program = fs::read_symlink("/proc/self/exe", error);
-  return (program.parent_path().parent_path() / "share" / "KelMsgFeaMessaging" /
-          "kelbus-mosquitto.conf")
-      .string();
+  return (program.parent_path().parent_path() / "share" / "KelMsgFeaMessaging" / name).string();
 }
 
 // The host that clients put in KELBUS_URL.
@@ -78,8 +76,8 @@ std::unique_ptr<PrivateBroker> StartBroker(const BusOptions& options,
 void Bus(const BusOptions& options) {
   PrivateBroker::Settings settings;
   settings.program = options.program;
-  settings.configuration =
-      options.configuration.empty() ? InstalledConfiguration() : options.configuration;
+  settings.configuration = options.configuration.empty() ? InstalledFile("kelbus-mosquitto.conf")
+                                                         : options.configuration;
   settings.address = options.address;
   settings.stateDirectory = options.queueDirectory;
   if (access(settings.configuration.c_str(), R_OK) != 0) {
@@ -95,6 +93,7 @@ void Bus(const BusOptions& options) {
   // Standard error first: whoever has read the URL may count on this line.
   std::fprintf(stderr, "kelmsg bus: mosquitto %d listens on %s port %d; Ctrl-C stops it\n",
                broker->Pid(), options.address.c_str(), broker->Port());
+  const RunningBrokerNote note(options.security, broker->Pid());
   std::fputs(ClientSettings(options.security, host, broker->Port()).c_str(), stdout);
   std::fflush(stdout);
 
@@ -137,6 +136,7 @@ void AddBusCommand(CLI::App& app) {
   command->add_option("--mosquitto", options->program, "the broker program")
       ->capture_default_str()
       ->type_name("PROGRAM");
+  options->security.siteRules = InstalledFile("kelbus-site.acl");
   AddBusSecurity(*command, options->security);
   command->callback([options, command] {
     if (!RanBusSubcommand(*command))

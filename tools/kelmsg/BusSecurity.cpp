@@ -3,12 +3,20 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
+#include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include "BrokerPasswordFile.h"
@@ -36,6 +44,8 @@ struct StateFiles {
   explicit StateFiles(const std::string& given)
       : directory(fs::absolute(given).string()),
         passwords(directory + "/passwords"),
+        rules(directory + "/access.acl"),
+        brokerPid(directory + "/broker.pid"),
         users(directory + "/users"),
         caCertificate(directory + "/ca.pem"),
         caKey(directory + "/ca.key"),
@@ -44,6 +54,9 @@ struct StateFiles {
 
   std::string UserPassword(const std::string& user) const {
     return users + "/" + user + ".password";
+  }
+  std::string UserApplications(const std::string& user) const {
+    return users + "/" + user + ".apps";
   }
 
   void Create() const {
@@ -55,15 +68,69 @@ struct StateFiles {
     }
   }
 
-  std::string directory, passwords, users, caCertificate, caKey, certificate, key;
+  std::string directory, passwords, rules, brokerPid, users, caCertificate, caKey, certificate, key;
 };
+
+// Names that the access rules can hold as they are: the bus escapes every
+// other byte in topics, and mosquitto refuses user names with wildcards.
+void CheckPlainName(const std::string& what, const std::string& name) {
+  const bool plain = !name.empty() && std::ranges::all_of(name, [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_';
+  });
+  if (!plain)
+    throw CommandFailure(what + " '" + name + "' may hold only A-Z a-z 0-9 - . _");
+}
+
+std::string ReadWhole(const std::string& path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// The site's rules, then for every user the applications it may hold
+// beyond the one of its name.
+void WriteAccessRules(const BusSecurityOptions& options, const StateFiles& files) {
+  std::string rules = ReadWhole(options.siteRules);
+  if (rules.empty())
+    throw CommandFailure("cannot read the access rules " + options.siteRules);
+  for (const std::string& user : BrokerPasswordFile(files.passwords).Users()) {
+    std::istringstream applications(ReadWhole(files.UserApplications(user)));
+    std::string app;
+    bool first = true;
+    while (std::getline(applications, app)) {
+      if (std::exchange(first, false))
+        rules += "\nuser " + user + "\n";
+      for (const char* rule : {"topic write +/p/", "topic write +/a/+/"})
+        rules += rule + app + "\n";
+      rules += "topic read +/a/" + app + "/#\ntopic read +/c/" + app + "/#\n";
+    }
+  }
+  BrokerPasswordFile::WriteSecret(files.rules, rules);
+}
+
+// Makes a running broker of this state directory read its files again.
+std::string TellRunningBroker(const StateFiles& files) {
+  const std::string pid = ReadWhole(files.brokerPid);
+  if (pid.empty() ||
+      ReadWhole("/proc/" + std::to_string(std::atoi(pid.c_str())) + "/comm") != "mosquitto\n") {
+    return "a kelmsg bus --auth started from now on lets it in";
+  }
+  if (::kill(std::atoi(pid.c_str()), SIGHUP) != 0)
+    throw CommandFailure("cannot tell the running broker " + pid + ": " + std::strerror(errno));
+  return "the running kelmsg bus --auth takes it at once";
+}
 
 bool IsLoopback(const std::string& address) {
   in_addr parsed{};
   return inet_pton(AF_INET, address.c_str(), &parsed) == 1 && (ntohl(parsed.s_addr) >> 24) == 127;
 }
 
-void AddUser(const BusSecurityOptions& options, const std::string& user, bool fromStdin) {
+void AddUser(const BusSecurityOptions& options, const std::string& user,
+             const std::vector<std::string>& applications, bool fromStdin) {
+  CheckPlainName("user name", user);
+  for (const std::string& app : applications)
+    CheckPlainName("application", app);
   const StateFiles files(options.stateDirectory);
   files.Create();
   std::string password;
@@ -83,13 +150,19 @@ void AddUser(const BusSecurityOptions& options, const std::string& user, bool fr
   passwords.Save();
   // The client's copy, for KELBUS_PASSWORD_FILE on this host.
   BrokerPasswordFile::WriteSecret(files.UserPassword(user), password + "\n");
+  std::string held;
+  for (const std::string& app : applications)
+    held += app + "\n";
+  BrokerPasswordFile::WriteSecret(files.UserApplications(user), held);
+  WriteAccessRules(options, files);
   if (!fromStdin)
     std::printf("%s\n", password.c_str());
   std::fprintf(stderr,
-               "kelmsg bus: user %s added; its password%s is kept for the clients of this host "
-               "in %s; a running kelmsg bus --auth takes it at its next start\n",
-               user.c_str(), fromStdin ? "" : ", shown above and nowhere else,",
-               files.UserPassword(user).c_str());
+               "kelmsg bus: user %s added, holding application %s%s; its password%s is kept for "
+               "the clients of this host in %s; %s\n",
+               user.c_str(), user.c_str(), held.empty() ? "" : " and those of --app",
+               fromStdin ? "" : ", shown above and nowhere else,", files.UserPassword(user).c_str(),
+               TellRunningBroker(files).c_str());
 }
 
 void RemoveUser(const BusSecurityOptions& options, const std::string& user) {
@@ -100,7 +173,10 @@ void RemoveUser(const BusSecurityOptions& options, const std::string& user) {
   passwords.Save();
   std::error_code ignored;
   fs::remove(files.UserPassword(user), ignored);
-  std::fprintf(stderr, "kelmsg bus: user %s removed\n", user.c_str());
+  fs::remove(files.UserApplications(user), ignored);
+  WriteAccessRules(options, files);
+  std::fprintf(stderr, "kelmsg bus: user %s removed; %s\n", user.c_str(),
+               TellRunningBroker(files).c_str());
 }
 
 void AddUserCommands(CLI::App& bus, BusSecurityOptions& options) {
@@ -108,13 +184,19 @@ void AddUserCommands(CLI::App& bus, BusSecurityOptions& options) {
   users->require_subcommand(1);
   users->fallthrough();
   auto name = std::make_shared<std::string>();
+  auto applications = std::make_shared<std::vector<std::string>>();
   auto fromStdin = std::make_shared<bool>(false);
   CLI::App* add = users->add_subcommand(
       "add", "add user NAME (or give it a new password); prints a new password once");
   add->add_option("NAME", *name, "user name")->required();
   add->add_flag("--password-stdin", *fromStdin, "read the password from standard input instead");
+  add->add_option("--app", *applications,
+                  "an application the user may hold besides the one named like it (repeatable)")
+      ->type_name("APP");
   add->fallthrough();
-  add->callback([&options, name, fromStdin] { AddUser(options, *name, *fromStdin); });
+  add->callback([&options, name, applications, fromStdin] {
+    AddUser(options, *name, *applications, *fromStdin);
+  });
   CLI::App* remove = users->add_subcommand("remove", "remove user NAME");
   remove->add_option("NAME", *name, "user name")->required();
   remove->fallthrough();
@@ -181,7 +263,9 @@ void SecureBroker(const BusSecurityOptions& options, const std::string& address,
   if (options.passwords) {
     if (FirstUser(files).empty())
       throw CommandFailure("--auth, but no users yet: add one with `kelmsg bus user add NAME`");
+    WriteAccessRules(options, files);
     settings->passwordFile = files.passwords;
+    settings->aclFile = files.rules;
   }
   if (!options.tls)
     return;
@@ -206,4 +290,16 @@ std::string ClientSettings(const BusSecurityOptions& options, const std::string&
   if (!user.empty())
     lines += "KELBUS_PASSWORD_FILE=" + files.UserPassword(user) + "\n";
   return lines;
+}
+
+RunningBrokerNote::RunningBrokerNote(const BusSecurityOptions& options, int pid) {
+  if (!options.passwords)
+    return;
+  m_path = StateFiles(options.stateDirectory).brokerPid;
+  BrokerPasswordFile::WriteSecret(m_path, std::to_string(pid) + "\n");
+}
+
+RunningBrokerNote::~RunningBrokerNote() {
+  if (!m_path.empty())
+    std::remove(m_path.c_str());
 }

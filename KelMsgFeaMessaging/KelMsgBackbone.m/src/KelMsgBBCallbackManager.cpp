@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <string>
+
+#include <KelMsgFeaMessaging/KelBus.h>
 
 #include <KelMsgFeaMessaging/KelMsgBBDisconnectHandler.h>
 #include <KelMsgFeaMessaging/KelMsgBBMessage.h>
@@ -35,6 +38,28 @@ IdentifierBytes CopyIdentifier(const char* bytes, int n) {
   std::memcpy(id.get(), bytes, static_cast<std::size_t>(n));
   id.get()[n] = '\0';
   return id;
+}
+
+// A name another process chose, fit for a one-line report.
+std::string Printable(const char* bytes, std::size_t n) {
+  std::string text(bytes, n);
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == '\x7F')
+      c = '?';
+  }
+  return text;
+}
+
+// Whether the identifier in the envelope names the application that the bus
+// vouches sent the message (if it vouches for any); reports a mismatch.
+bool ClaimsItsSender(const char* type, const char* id, std::size_t n) {
+  const char* sender = KelBusMessageSender();
+  if (sender == nullptr || (std::strlen(sender) == n && std::memcmp(sender, id, n) == 0))
+    return true;
+  const std::string report = "message of type " + Printable(type, std::strlen(type)) +
+                             " claims to come from '" + Printable(id, n) + "' but '" +
+                             Printable(sender, std::strlen(sender)) + "' sent it; refused";
+  return KelMsgPeerCheckFailed(report.c_str(), DOV_SOURCE_PATH, __LINE__);
 }
 
 template <class V>
@@ -130,8 +155,11 @@ void KelMsgBBCallbackManager::HandleMessage(const char* typeName, const void* bu
   if (!KELMSG_PEER_CHECK(n >= 0 && n <= size - 4))
     return;
 
+  const char* claimed = envelope.ReadBytes(n);
+  if (!ClaimsItsSender(typeName, claimed, static_cast<std::size_t>(n)))
+    return;
   const ReceivedMessage clone(proto->Clone());
-  const IdentifierBytes id = CopyIdentifier(envelope.ReadBytes(n), n);
+  const IdentifierBytes id = CopyIdentifier(claimed, n);
   KelMsgBBMessage* msg = clone.get();
   KELMSG_ASSERT(msg != NULL);
 

@@ -33,13 +33,22 @@
 //   of up to 64 MiB.
 //
 // MAPPING ONTO MQTT
-//   <namespace>/a/<application>   messages to the application; the payload is
-//                                 the buffer byte for byte, the type name is
-//                                 the MQTT content type (none for the empty
-//                                 name).  QoS 1.
-//   <namespace>/p/<application>   retained presence record of the holder of
-//                                 the name; the holder's will replaces it by
-//                                 its departure record.
+//   <namespace>/a/<application>/<sender>
+//                           messages to the application from a communicator
+//                           that holds the application <sender>; the payload
+//                           is the buffer byte for byte, the type name is
+//                           the MQTT content type (none for the empty name).
+//                           QoS 1.
+//   <namespace>/a/<application>
+//                           the same from a communicator that holds no
+//                           application, or from a plain MQTT client.
+//   <namespace>/p/<application>
+//                           retained presence record of the holder of the
+//                           name; the holder's will replaces it by its
+//                           departure record.
+//   <namespace>/c/<sender>/<tag>, <namespace>/c/<tag>
+//                           flow control for the sending communicator <tag>
+//                           (holding <sender>, or none).
 //   Application names are percent-encoded into one topic level (every byte
 //   outside A-Z a-z 0-9 - . _ becomes %XX), so any name is safe.
 //   A communicator is one MQTT client.  Before it declares an application it
@@ -47,6 +56,36 @@
 //   under <namespace>/a/<application>, so the broker lets only one live
 //   client hold a name.  Messages already handed to SendRequest are
 //   delivered before the switch.
+//
+// IDENTITY
+//   A receive callback learns from KelBusMessageSender which application
+//   sent the message: the <sender> level of its topic.  What that is worth
+//   depends on the broker:
+//   - An open broker (config/kelbus-mosquitto.conf, on loopback) trusts
+//     everybody who reaches it.  Anybody may publish under any sender level,
+//     connect under any client identifier, publish presence and departure
+//     records and read every topic: the sender is a claim, no more.
+//   - A broker with passwords and the access rules of
+//     config/kelbus-site.acl (kelbus-site-mosquitto.conf, `kelmsg bus
+//     --auth`) vouches for it.  A user may hold the applications the rules
+//     grant it (the one of its own name, and those added for it).  Only
+//     such a user may publish under <sender> = X, publish X's presence and
+//     departure records, and read X's messages; everybody reads the presence
+//     records; nobody publishes on the bare message topic.  So a sender is
+//     the application whose user sent the message, nobody can block a name
+//     or announce a departure that is not his, and each application reads
+//     only its own inbox.  A message that the rules refuse fails the send at
+//     once (KELBUS_ERR_REFUSED, "Not authorized"); the same holds for
+//     declaring an application the user may not hold.
+//   What the rules cannot prevent: another user may connect under a
+//   holder's client identifier, which disconnects the holder.  The broker
+//   checks read access on every delivery, so the intruder receives nothing
+//   of the holder's, and messages that arrive meanwhile are lost (the
+//   holder reports the gap); the holder finds its presence record
+//   unchanged and connects again, so it keeps its name.
+//   The registry (KelMsgBBCallbackManager) compares the identifier in each
+//   message's envelope with the sender and refuses, in one report line
+//   naming both, a message that claims another application.
 //
 // THREADS
 //   Each MQTT connection runs on a network thread of its own.  Everything
@@ -73,6 +112,9 @@
 //   - A message to an application that no process ever held is dropped by
 //     the broker (SendRequest returns KELBUS_OK).  A message to one whose
 //     holder left fails with KELBUS_ERR_GONE, until somebody holds it again.
+//     Once its departure record has expired (see DEPARTURES), a sender that
+//     had not heard of the departure finds the name never held; one that
+//     had goes on getting KELBUS_ERR_GONE.
 //   - Sessions: every connection keeps its session on the broker for
 //     KELBUS_SESSION_EXPIRY_SECONDS (default 600) after it broke, and the
 //     broker queues what arrives meanwhile.  A holder that leaves for good
@@ -124,7 +166,10 @@
 //   departure was published takes its name and session back.  Every
 //   communicator with a disconnect callback receives the record.  A
 //   communicator that never declared an application has no departure
-//   record.
+//   record.  The broker drops a departure record
+//   KELBUS_DEPARTURE_EXPIRY_SECONDS (default 86400, one day; 0 keeps it for
+//   ever) after it was published, so the roster does not keep every
+//   process that ever ran.
 //
 // CONNECTION LOSS
 //   A lost connection is restored in the background, retried with growing
@@ -136,9 +181,12 @@
 //   (KELBUS_ERR_NAME_LOST) instead of taking it back.
 //
 // LIMITS
-//   The broker configuration bounds what it queues per client and the size
-//   of one message (64 MiB); its queue limits lie above the windows, so that
-//   a well-behaved bus never reaches them.
+//   Every shipped broker configuration (kelbus-mosquitto.conf,
+//   kelbus-site-mosquitto.conf, and the private brokers that `kelmsg bus`
+//   derives from them) bounds what the broker queues per client and the
+//   size of one message (64 MiB); SendRequest refuses a larger message with
+//   KELBUS_ERR_TOO_LARGE.  The queue limits lie above the windows, so that a
+//   well-behaved bus never reaches them.
 //
 // RESULTS
 //   Every function returns KELBUS_OK (0) or one of the negative codes below.
@@ -175,9 +223,10 @@ enum KelBusResult {
   // No broker answered at KELBUS_URL within KELBUS_CONNECT_SECONDS; a
   // diagnostic line names the URL and how to start a broker.
   KELBUS_ERR_UNREACHABLE = -4,
-  // The broker answered but refused the connection or a subscription (for
-  // instance bad user name or password, not authorised), or TLS failed: the
-  // broker's certificate is not trusted or does not name its host.
+  // The broker answered but refused the connection, a subscription or a
+  // message (for instance bad user name or password, not authorised), or
+  // TLS failed: the broker's certificate is not trusted or does not name
+  // its host.
   KELBUS_ERR_REFUSED = -5,
   // DeclareApplicationId with flag 0: a live process holds the name.
   KELBUS_ERR_NAME_HELD = -6,
@@ -269,6 +318,9 @@ int DeclareApplicationId(int communicatorId, const char* applicationId, int flag
 // Results: KELBUS_OK, KELBUS_ERR_INVALID, KELBUS_ERR_BAD_ID (also when
 // another thread closes the communicator while the send is blocked),
 // KELBUS_ERR_NAME_LOST, KELBUS_ERR_GONE, KELBUS_ERR_TIMEOUT,
+// KELBUS_ERR_REFUSED (the broker's access rules do not let this
+// communicator send; reported by the first send to a target, or by the
+// send after a message the broker refused),
 // KELBUS_ERR_DISCONNECTED (the connection was closed), KELBUS_ERR_TOO_LARGE,
 // KELBUS_ERR_TRANSPORT.
 int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
@@ -317,6 +369,13 @@ int WaitingLoop(int communicatorId, int timeout, int* watched);
 // communicator; the waiting loop then ends with KELBUS_ERR_BAD_ID.
 // Results: KELBUS_OK, KELBUS_ERR_BAD_ID.
 int CloseCommunicator(int communicatorId);
+
+// During a receive callback, on its thread: the application that the bus
+// vouches sent the message being received, or null when the sender held no
+// application (a plain MQTT client, a communicator that declared none).  See
+// IDENTITY for what vouches.  Valid until the callback returns; null outside
+// a receive callback.
+const char* KelBusMessageSender(void);
 
 // Text describing the last failure of a bus call on the calling thread ("" if
 // there was none).  Valid until the thread's next bus call.
