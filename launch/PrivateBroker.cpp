@@ -175,7 +175,7 @@ bool PrivateBroker::Start() {
 // directory: the files it names are the settings' own.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   static const std::set<std::string> kReplaced = {
-      "certfile", "keyfile", "password_file", "acl_file", "persistence_location",
+      "certfile", "keyfile", "ciphers_tls1.3", "password_file", "acl_file", "persistence_location",
       "log_dest", "user"};
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);

@@ -93,7 +93,7 @@ TEST(KelMsgConfinedFiles, StrangersReachNoFileBeyondTheServedDirectoriesAndServi
   Stranger stranger(broker.Port());
   ASSERT_TRUE(files.WaitForOutput("serving") && unconfined.WaitForOutput("serving"));
   ASSERT_TRUE(controller.TakeAnswer("peer", "ready", 10s) && stranger.client.Connected() &&
-              stranger.client.Subscribe("kelbus/a/mallory"));
+              stranger.client.Subscribe("kelbus/a/mallory/#"));
   EXPECT_NE(unconfined.Err().find("warning: unconfined"), std::string::npos);
 
   const std::tuple<const char*, int, std::string> attacks[] = {
