@@ -67,6 +67,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   KelBusResult Claim(const std::string& app, bool takeOver) override;
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                     int size) override;
+  KelBusResult Present(const std::string& app, Clock::time_point deadline, bool* present) override;
   KelBusResult WatchDepartures(bool on) override;
   bool NameLost() const override;
   void Close() override;
@@ -351,6 +352,15 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
   if (result == KELBUS_ERR_TIMEOUT)
     return gaveUp(LastErrorText());
   return result;
+}
+
+// On a connection of its own, as a claim reads it: the communicator's link
+// may be down, and its subscriptions are the holder's business.
+KelBusResult MqttTransport::Present(const std::string& app, Clock::time_point deadline,
+                                    bool* present) {
+  const PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  *present = reading.record && reading.record->kind == ProcessRecord::Kind::kPresent;
+  return reading.result;
 }
 
 KelBusResult MqttTransport::WatchDepartures(bool on) {

@@ -274,6 +274,19 @@ int DeclareApplicationId(int communicatorId, const char* applicationId, int flag
 int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
                 KelBusSizeCallback size, KelBusTypeCallback type);
 
+// Tells whether a live process holds the application `applicationId`:
+// stores 1 in `*present` when its holder's presence record stands, 0 when
+// nobody ever held it or its holder left (see DEPARTURES: a holder that died
+// counts as present until its departure is published).  Claims nothing and
+// sends nothing to the holder; reads the broker's record on a connection of
+// its own, so it answers also while the communicator's connection is down,
+// within `timeout` milliseconds.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID (empty name, null `present`,
+// negative `timeout`), KELBUS_ERR_BAD_ID, KELBUS_ERR_UNREACHABLE,
+// KELBUS_ERR_REFUSED, KELBUS_ERR_TRANSPORT (no answer in time).
+int KelBusApplicationPresent(int communicatorId, const char* applicationId, int timeout,
+                             int* present);
+
 // Installs the callback that receives the messages of the communicator's
 // application; null removes it.  A message dispatched while no callback is
 // installed is dropped.  Messages are kept from the moment the application
