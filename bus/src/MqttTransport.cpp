@@ -77,6 +77,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // MqttLink::Listener, on the links' threads.
   void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
   void OnStateChanged() override;
+  void OnSessionLost() override;
 
   // Ends the session that the name's former holder left on the broker, so
   // that nothing queued for it reaches this holder, and publishes
@@ -166,6 +167,7 @@ KelBusResult MqttTransport::Connect(const std::string& label) {
                                     SenderTag(m_senderId)),
       *this);
   link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetKeepalive(m_settings.keepalive);
   link->Subscribe(m_topics.CreditTopic(SenderTag(m_senderId)), 0);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
@@ -178,6 +180,7 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
   link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetKeepalive(m_settings.keepalive);
   link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(),
                 m_settings.departureDelay);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
@@ -523,6 +526,13 @@ void MqttTransport::Report(const ProcessRecord& departure) {
     m_recentReports[m_nextReport++ % m_recentReports.size()] = {departure.claim, now};
   }
   m_inbox.Departed({departure.pid, departure.app, departure.host, departure.user});
+}
+
+// What the holders had not reported dispatched may have died with the
+// broker, and their reports with it: counted on, it would hold every send
+// until the send time-out.  A holder reports what never came as a gap.
+void MqttTransport::OnSessionLost() {
+  m_targets.ForgetOutstanding();
 }
 
 void MqttTransport::OnStateChanged() {

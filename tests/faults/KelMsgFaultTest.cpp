@@ -1,8 +1,9 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
-// processes, a receiver slower than its sender, fifty processes at once, a
-// plain MQTT client (mosquitto_pub) that publishes garbage to an
-// application, and a message relayed across three processes.
+// processes, pushes and pulls that ride out a stopped receiver, a broker
+// restart and a cut connection, a receiver slower than its sender, fifty
+// processes at once, a plain MQTT client (mosquitto_pub) that publishes
+// garbage to an application, and a message relayed across three processes.
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
@@ -23,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "KelmsgProcess.h"
+#include "TcpRelay.h"
 #include "TestBroker.h"
 #include "TestFiles.h"
 
@@ -110,6 +112,95 @@ TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender
   EXPECT_EQ(Start({"push", "receiver", "small.dat", "small.out"})->ExitCode(), 0);
   EXPECT_TRUE(SameContents(Path("small.dat"), Path("small.out")));
   Stop(*receiver);
+}
+
+// A fault in the middle of a transfer that the transfer must ride out, with
+// the file arriving whole and nothing left beside it; only what a killed
+// broker held may be lost, and then the transfer fails and says so.
+enum class Fault {
+  kReceiverStopped,  // longer than the keepalive, so that the broker drops it
+  kBrokerKilled,     // and started again on its port: what it held may be lost
+  kServerCut,        // only the server's connection, for a second
+};
+struct Interruption {
+  const char* command;  // push or pull
+  Fault fault;
+};
+
+class KelMsgInterruptedTransferTest : public KelMsgFaultTest,
+                                      public ::testing::WithParamInterface<Interruption> {};
+
+std::string RowName(const ::testing::TestParamInfo<Interruption>& row) {
+  const char* faults[] = {"ReceiverStopped", "BrokerKilled", "ServerCut"};
+  return row.param.command + std::string(faults[static_cast<int>(row.param.fault)]);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, KelMsgInterruptedTransferTest,
+                         ::testing::Values(Interruption{"push", Fault::kReceiverStopped},
+                                           Interruption{"pull", Fault::kReceiverStopped},
+                                           Interruption{"push", Fault::kBrokerKilled},
+                                           Interruption{"pull", Fault::kBrokerKilled},
+                                           Interruption{"push", Fault::kServerCut},
+                                           Interruption{"pull", Fault::kServerCut}),
+                         RowName);
+
+// The shortest keepalive the bus takes, so that a stop of 12 s outlasts the
+// broker's patience of 1.5 keepalives; the departure delay outlasts every
+// fault, which would otherwise count as the peer's death.  Only the server
+// reaches the broker through the relay.
+TEST_P(KelMsgInterruptedTransferTest, TheFileArrivesWhole) {
+  const auto [command, fault] = GetParam();
+  const bool push = std::string(command) == "push";
+  setenv("KELBUS_KEEPALIVE_SECONDS", "5", 1);
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", "30", 1);
+  WritePatternFile(Path("source.dat"), 32);
+  TcpRelay relay(m_broker.Port());
+  if (fault == Fault::kServerCut)
+    setenv("KELBUS_URL", ("mqtt://127.0.0.1:" + std::to_string(relay.Port())).c_str(), 1);
+  const auto server = Serve("server");
+  setenv("KELBUS_URL", m_broker.Url().c_str(), 1);
+  const auto client = Start({command, "server", "source.dat", "target.dat"});
+  KelmsgProcess& receiver = push ? *server : *client;
+
+  // Under way: a quarter of the file written.
+  const std::string partial = Path("target.dat.partial");
+  for (const auto start = std::chrono::steady_clock::now();
+       std::chrono::steady_clock::now() - start < 20s;) {
+    std::error_code absent;
+    if (std::filesystem::file_size(partial, absent) >= 8 * kMiB && !absent)
+      break;
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_GE(std::filesystem::file_size(partial), 8 * kMiB);
+  switch (fault) {
+    case Fault::kReceiverStopped:
+      receiver.Signal(SIGSTOP);
+      std::this_thread::sleep_for(12s);
+      receiver.Signal(SIGCONT);
+      break;
+    case Fault::kBrokerKilled:
+      m_broker.Kill();
+      ASSERT_TRUE(m_broker.Restart()) << m_broker.Error();
+      break;
+    case Fault::kServerCut:
+      relay.Cut(1s);
+      break;
+  }
+  const std::optional<int> status = client->ExitCode(60s);
+  const std::string err = client->Err();
+  if (fault == Fault::kBrokerKilled && status == 1) {
+    // What the broker held died with it: the loss is told, with the counts.
+    EXPECT_NE(err.find("kelmsg " + std::string(command) + ": "), std::string::npos) << err;
+    EXPECT_NE(err.find(" of 33554432 bytes)"), std::string::npos) << err;
+    EXPECT_FALSE(std::filesystem::exists(Path("target.dat")));
+  } else {
+    EXPECT_EQ(status, 0) << err << server->Out();
+    EXPECT_TRUE(SameContents(Path("source.dat"), Path("target.dat")));
+  }
+  EXPECT_FALSE(std::filesystem::exists(partial));
+  // The bus has said on standard error what it rode out.
+  server->Signal(SIGTERM);
+  EXPECT_EQ(server->ExitCode(), 0);
 }
 
 // The server must take requests and send again, and the watcher still learn

@@ -70,6 +70,11 @@
 //     a message delivered again, and reports one that never came in a
 //     diagnostic line naming sender, application and count.  Messages from
 //     plain MQTT clients, without the property, are delivered as they come.
+//   - A broker killed loses what it held since it last saved its state.
+//     The holder reports the messages lost as a gap with the next one that
+//     comes; their senders, whose sessions died too, stop counting what
+//     they had sent on their receive windows, so that none waits for
+//     reports of messages that will never be dispatched.
 //   - A message to an application that no process ever held is dropped by
 //     the broker (SendRequest returns KELBUS_OK).  A message to one whose
 //     holder left fails with KELBUS_ERR_GONE, until somebody holds it again.
@@ -211,7 +216,9 @@ enum {
   // Time limit for reaching the broker when a communicator is registered or
   // declares an application.
   KELBUS_CONNECT_SECONDS = 5,
-  // MQTT keepalive of every connection.
+  // MQTT keepalive of every connection; the environment variable of the
+  // same name may set another number of seconds, from 5 (the least that
+  // libmosquitto takes) to 65535, for a communicator registered afterwards.
   KELBUS_KEEPALIVE_SECONDS = 10
 };
 
