@@ -1,9 +1,11 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
-// processes, pushes and pulls that ride out a stopped receiver, a broker
-// restart and a cut connection, a receiver slower than its sender, fifty
-// processes at once, a plain MQTT client (mosquitto_pub) that publishes
-// garbage to an application, and a message relayed across three processes.
+// processes, pushes and pulls that ride out a stopped receiver, a killed
+// broker and a cut connection, a push into a full file system, a receiver
+// slower than its sender, fifty processes at once, a plain MQTT client
+// (mosquitto_pub) that publishes garbage to an application, asks for more
+// statements than a server keeps, and a message relayed across three
+// processes.
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
@@ -21,6 +23,7 @@
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 #include <KelMsgFeaMessaging/KelMsgFwdHandler.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 #include <gtest/gtest.h>
 
 #include "KelmsgProcess.h"
@@ -203,6 +206,31 @@ TEST_P(KelMsgInterruptedTransferTest, TheFileArrivesWhole) {
   EXPECT_EQ(server->ExitCode(), 0);
 }
 
+// A push into a file system that fills up fails with the cause and the
+// counts, and leaves nothing under the file's name.
+TEST_F(KelMsgFaultTest, APushIntoAFullFileSystemFailsSayingSo) {
+  WriteFile(Path("big.dat"), RandomBytes(3 * kMiB));
+  std::filesystem::create_directory(Path("small"));
+  KelmsgProcess server({"serve", "small"}, Path("small"), kMiB);
+  if (!server.WaitForOutput("serving files as small")) {
+    GTEST_SKIP() << "no tmpfs in a mount namespace here: " << server.Out();
+  }
+  KelmsgProcess push({"push", "small", "big.dat", "big.out"}, m_scratch.Path());
+  EXPECT_EQ(push.ExitCode(), 1);
+  EXPECT_EQ(
+      push.Err().find("kelmsg push: small could not write big.out: No space left on device ("), 0U)
+      << push.Err();
+  EXPECT_TRUE(push.Err().ends_with(" of 3145728 bytes)\n")) << push.Err();
+  EXPECT_TRUE(server.WaitForOutput(" of 3145728 bytes); removed big.out.partial\n"))
+      << server.Out();
+  // The server's file system is its own.
+  const std::string seen = "/proc/" + std::to_string(server.Pid()) + "/root" + Path("small");
+  ASSERT_TRUE(std::filesystem::exists(seen));
+  EXPECT_FALSE(std::filesystem::exists(seen + "/big.out"));
+  EXPECT_FALSE(std::filesystem::exists(seen + "/big.out.partial"));
+  Stop(server);
+}
+
 // The server must take requests and send again, and the watcher still learn
 // of departures.
 TEST_F(KelMsgFaultTest, BrokerRestartedUnderTwoConnectedProcessesBothResume) {
@@ -333,6 +361,26 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   const std::string out = collector.Out();
   EXPECT_NE(out.find("-- id raw\nMessage Type: KelMsgStringType\n   size: 5\n"), out.npos) << out;
   EXPECT_NE(out.find("-- id raw\nAnalysis Message"), out.npos) << out;
+}
+
+// Asks for statements that no request follows, each under another puller's
+// name, from one more puller than a server owes statements to at once: that
+// one is refused in one line, and the server serves on.
+TEST_F(KelMsgFaultTest, AServerOwesStatementsToABoundedNumberOfPullers) {
+  const auto server = Serve("server");
+  const KelMsgBBCallbackManager registry;
+  const KelMsgBBApplication asker("asker");
+  ASSERT_TRUE(asker.Joined());
+  const KelMsgTransferReceiptType ask;
+  for (int puller = 0; puller <= 256; ++puller) {
+    KelMsgBBCallbackManager::SetMessageID(("puller" + std::to_string(puller)).c_str());
+    ASSERT_EQ(asker.Send("server", ask), KELBUS_OK);
+  }
+  EXPECT_TRUE(server->WaitForOutput(
+      "refused to state what is sent to puller256: 256 pullers await a statement already\n"))
+      << server->Out();
+  EXPECT_EQ(std::ranges::count(server->Out(), '\n'), 2) << server->Out();
+  Stop(*server);
 }
 
 // origin -> relay (this process) -> sink: the relay's forwarding handler

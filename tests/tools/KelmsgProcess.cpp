@@ -9,17 +9,23 @@ namespace {
 
 // A shell changes to the working directory (empty: the test's), sends one
 // stream of kelmsg's to `path` (`redirection` is "2>" or ">") and becomes
-// kelmsg.  The names travel as arguments, so that none needs quoting.
+// kelmsg.  The names travel as arguments, so that none needs quoting.  Given
+// `fileSystemBytes`, the shell runs in a mount namespace of its own and
+// mounts a tmpfs of that size on the working directory first.
 ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
                          const std::string& workingDirectory, const std::string& redirection,
-                         const std::string& path, const std::string& outputPath) {
-  std::vector<std::string> argv{
-      "/bin/sh",
-      "-c",
-      "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " + redirection + "\"$f\"",
-      KELMSG_TOOL,
-      workingDirectory.empty() ? "." : workingDirectory,
-      path};
+                         const std::string& path, const std::string& outputPath,
+                         std::size_t fileSystemBytes = 0) {
+  std::vector<std::string> argv;
+  std::string mount;
+  if (fileSystemBytes > 0) {
+    argv = {KELMSG_UNSHARE, "--map-root-user", "--mount"};
+    mount = "mount -t tmpfs -o size=" + std::to_string(fileSystemBytes) + " tmpfs \"$1\" && ";
+  }
+  argv.insert(argv.end(), {"/bin/sh", "-c",
+                           mount + "cd \"$1\" && f=$2 && shift 2 && exec \"$0\" \"$@\" " +
+                               redirection + "\"$f\"",
+                           KELMSG_TOOL, workingDirectory.empty() ? "." : workingDirectory, path});
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   return ChildProcess::Exec(argv, outputPath);
 }
@@ -27,8 +33,9 @@ ChildProcess StartKelmsg(const std::vector<std::string>& arguments,
 }  // namespace
 
 KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
-                             const std::string& workingDirectory)
-    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out")) {}
+                             const std::string& workingDirectory, std::size_t fileSystemBytes)
+    : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out",
+                            fileSystemBytes)) {}
 
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;

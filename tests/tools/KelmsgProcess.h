@@ -19,8 +19,12 @@ using namespace std::chrono_literals;
 class KelmsgProcess {
  public:
   // Starts `kelmsg arguments...` in `workingDirectory` (empty: the test's).
+  // With `fileSystemBytes`, in a mount namespace of its own (unshare) where
+  // `workingDirectory` is a fresh tmpfs of that size, which only this
+  // process sees (under /proc/<Pid()>/root); where namespaces or mounting
+  // are not permitted, the process ends at once with status 1 and says why.
   explicit KelmsgProcess(const std::vector<std::string>& arguments,
-                         const std::string& workingDirectory = "");
+                         const std::string& workingDirectory = "", std::size_t fileSystemBytes = 0);
 
   // Waits until standard output holds `text`; false when the process ends
   // first or `limit` passes.
