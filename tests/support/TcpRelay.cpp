@@ -70,8 +70,6 @@ void TcpRelay::Run() {
     }
     if (poll(watched.data(), watched.size(), kPollMilliseconds) <= 0)
       continue;
-    if (watched[0].revents != 0)
-      Accept();
     // Backwards, so that a pair erased leaves the indices before it alone.
     for (std::size_t i = m_pairs.size(); i-- > 0;) {
       const auto [client, target] = m_pairs[i];
@@ -83,6 +81,9 @@ void TcpRelay::Run() {
         m_pairs.erase(m_pairs.begin() + static_cast<std::ptrdiff_t>(i));
       }
     }
+    // Last: a new pair has no entry in `watched`.
+    if (watched[0].revents != 0)
+      Accept();
   }
 }
 
