@@ -3,6 +3,8 @@
 #ifndef KELBUS_SRC_BUSSETTINGS_H_
 #define KELBUS_SRC_BUSSETTINGS_H_
 
+#include <KelMsgFeaMessaging/KelBus.h>
+
 #include <chrono>
 
 namespace kelbus {
@@ -20,11 +22,14 @@ struct BusSettings {
   // How long SendRequest blocks for room before it gives the message up
   // (KELBUS_SEND_TIMEOUT_SECONDS).
   std::chrono::seconds sendTimeout{300};
+  // The MQTT keepalive of the communicator's connections
+  // (KELBUS_KEEPALIVE_SECONDS).
+  std::chrono::seconds keepalive{KELBUS_KEEPALIVE_SECONDS};
 };
 
 // The defaults above, overridden by the environment variables that hold a
-// whole number of seconds; a variable holding anything else is reported and
-// left out.
+// whole number of seconds (a keepalive of at least 5, as libmosquitto
+// requires); a variable holding anything else is reported and left out.
 BusSettings BusSettingsFromEnvironment();
 
 }  // namespace kelbus

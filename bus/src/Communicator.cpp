@@ -3,6 +3,7 @@
 #include <mosquitto.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <string>
 
@@ -70,6 +71,17 @@ KelBusResult Communicator::Send(const char* target, KelBusStreamCallback stream,
   unsigned char* buffer = BufferOf(static_cast<std::size_t>(byteCount));
   stream(buffer, byteCount);
   return m_transport->Send(target, typeName, buffer, byteCount);
+}
+
+KelBusResult Communicator::Present(const char* app, int timeoutMs, int* present) {
+  if (app == nullptr || app[0] == '\0' || present == nullptr || timeoutMs < 0)
+    return Fail(KELBUS_ERR_INVALID, "empty application name, null result or negative time limit");
+  bool held = false;
+  const KelBusResult result = m_transport->Present(
+      app, std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs), &held);
+  if (result == KELBUS_OK)
+    *present = held ? 1 : 0;
+  return result;
 }
 
 KelBusResult Communicator::SetDisconnectReceiver(KelBusDisconnectCallback receiver) {

@@ -25,6 +25,8 @@ class Communicator {
   KelBusResult Send(const char* target, KelBusStreamCallback stream, KelBusSizeCallback size,
                     KelBusTypeCallback type);
 
+  KelBusResult Present(const char* app, int timeoutMs, int* present);
+
   void SetReceiver(KelBusReceiveCallback receiver) { m_receiver = receiver; }
   KelBusReceiveCallback Receiver() const { return m_receiver; }
   KelBusResult SetDisconnectReceiver(KelBusDisconnectCallback receiver);

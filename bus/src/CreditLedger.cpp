@@ -98,6 +98,17 @@ void CreditLedger::Credited(std::uint64_t claim, std::uint64_t sequence) {
   m_changed.notify_all();
 }
 
+void CreditLedger::ForgetOutstanding() {
+  {
+    std::lock_guard lock(m_mutex);
+    for (auto& [app, target] : m_targets) {
+      target.outstanding.clear();
+      target.outstandingBytes = 0;
+    }
+  }
+  m_changed.notify_all();
+}
+
 void CreditLedger::Wake() {
   { std::lock_guard lock(m_mutex); }
   m_changed.notify_all();

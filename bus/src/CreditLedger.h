@@ -72,6 +72,8 @@ class CreditLedger {
   // From the network: the holder of claim `claim` has dispatched every
   // message of this communicator up to `sequence`.
   void Credited(std::uint64_t claim, std::uint64_t sequence);
+  // Counts nothing outstanding any more, for every target.
+  void ForgetOutstanding();
   // Makes the waits look at `abandon` again.
   void Wake();
 

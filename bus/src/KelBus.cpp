@@ -167,6 +167,15 @@ int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamC
   return communicator->Send(targetApplication, stream, size, type);
 }
 
+int KelBusApplicationPresent(int communicatorId, const char* applicationId, int timeout,
+                             int* present) {
+  kelbus::ClearLastError();
+  const auto communicator = BusState::Current().Find(communicatorId);
+  if (!communicator)
+    return kelbus::NoCommunicator(communicatorId);
+  return communicator->Present(applicationId, timeout, present);
+}
+
 int AssociateHandler(int communicatorId, const char*, KelBusReceiveCallback receive) {
   kelbus::ClearLastError();
   const auto communicator = BusState::Current().Find(communicatorId);

@@ -31,6 +31,7 @@ class LocalHub {
   // held `target`, and refuses it when its holder left.
   KelBusResult Deliver(const LocalTransport& sender, std::string_view target, const char* type,
                        const void* bytes, int size);
+  bool Held(std::string_view app);
   void Watch(LocalTransport& watcher, bool on);
   // `member` leaves: gives its application up and reports its departure.
   void Leave(LocalTransport& member);
@@ -61,6 +62,11 @@ class LocalTransport final : public Transport {
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                     int size) override {
     return m_hub.Deliver(*this, target, type, bytes, size);
+  }
+  KelBusResult Present(const std::string& app, std::chrono::steady_clock::time_point,
+                       bool* present) override {
+    *present = m_hub.Held(app);
+    return KELBUS_OK;
   }
   // The sender and the holder share the dispatch queue and its memory, so
   // no window stands between them.
@@ -138,6 +144,11 @@ KelBusResult LocalHub::Deliver(const LocalTransport& sender, std::string_view ta
     return Fail(KELBUS_ERR_GONE, "application '" + std::string(target) + "' has left the bus");
   }
   return KELBUS_OK;
+}
+
+bool LocalHub::Held(std::string_view app) {
+  std::lock_guard lock(m_mutex);
+  return m_holders.find(app) != m_holders.end();
 }
 
 void LocalHub::Watch(LocalTransport& watcher, bool on) {

@@ -113,6 +113,10 @@ void MqttLink::SetReconnectGuard(std::function<Verdict()> guard) {
   m_guard = std::move(guard);
 }
 
+void MqttLink::SetKeepalive(std::chrono::seconds keepalive) {
+  m_keepaliveSeconds = static_cast<int>(keepalive.count());
+}
+
 void MqttLink::Subscribe(std::string filter, int options) {
   std::lock_guard lock(m_mutex);
   m_subscriptions.push_back({std::move(filter), options});
@@ -172,11 +176,11 @@ KelBusResult MqttLink::Configure() {
 int MqttLink::StartConnecting() {
   if (!m_sessionExpiry) {
     return mosquitto_connect_bind_async(m_mosq, m_address.host.c_str(), m_address.port,
-                                        KELBUS_KEEPALIVE_SECONDS, nullptr);
+                                        m_keepaliveSeconds, nullptr);
   }
   const Properties expiry = IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, *m_sessionExpiry);
   return mosquitto_connect_bind_v5(m_mosq, m_address.host.c_str(), m_address.port,
-                                   KELBUS_KEEPALIVE_SECONDS, nullptr, expiry.get());
+                                   m_keepaliveSeconds, nullptr, expiry.get());
 }
 
 KelBusResult MqttLink::Open(Clock::time_point deadline) {
@@ -425,7 +429,7 @@ bool MqttLink::StartReconnecting() {
   }
 }
 
-void MqttLink::Connected(int reason) {
+void MqttLink::Connected(int reason, bool sessionPresent) {
   bool restored = false;
   {
     std::lock_guard lock(m_mutex);
@@ -451,6 +455,8 @@ void MqttLink::Connected(int reason) {
   }
   if (restored) {
     Diagnose("KelBus: the connection to " + m_address.Describe() + " is restored");
+    if (m_sessionExpiry && !sessionPresent)
+      m_listener.OnSessionLost();
   }
   m_listener.OnStateChanged();
 }
@@ -480,8 +486,10 @@ void MqttLink::SetStateLocked(State state) {
   m_changed.notify_all();
 }
 
-void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) {
-  Self(self).Connected(reason);
+void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int flags,
+                             const mosquitto_property*) {
+  constexpr int kSessionPresent = 1;
+  Self(self).Connected(reason, (flags & kSessionPresent) != 0);
 }
 
 void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,

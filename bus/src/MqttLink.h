@@ -18,9 +18,8 @@
 // is back.  Closing the link ends its session.
 //
 // Threads: the set-up calls (SetLastingSession, SetWill, SetBirth,
-// SetReconnectGuard) come before Open, on one thread.  Everything else may be called from any
-// thread but the link's own; the listener and the guard run on the link's
-// thread.
+// SetReconnectGuard, SetKeepalive) come before Open, on one thread.  Everything else may be called
+// from any thread but the link's own; the listener and the guard run on the link's thread.
 #ifndef KELBUS_SRC_MQTTLINK_H_
 #define KELBUS_SRC_MQTTLINK_H_
 
@@ -85,6 +84,11 @@ class MqttLink {
                            const mosquitto_property* properties) = 0;
     // The link's state changed.
     virtual void OnStateChanged() = 0;
+    // The connection is back, but the broker no longer had the lasting
+    // session (it was killed, or the session expired): what it queued for
+    // the link and what it took from it undelivered may be gone.  Called
+    // before OnStateChanged.
+    virtual void OnSessionLost() {}
 
    protected:
     ~Listener() = default;
@@ -106,6 +110,8 @@ class MqttLink {
                std::chrono::seconds expiry);
   void SetBirth(std::string topic, std::string payload);
   void SetReconnectGuard(std::function<Verdict()> guard);
+  // KELBUS_KEEPALIVE_SECONDS unless set.
+  void SetKeepalive(std::chrono::seconds keepalive);
 
   // Subscriptions are kept and renewed after every connect.
   void Subscribe(std::string filter, int options);
@@ -174,7 +180,7 @@ class MqttLink {
   // Returns once an attempt to reconnect is under way, or false when the
   // link stops or gives up.
   bool StartReconnecting();
-  void Connected(int reason);
+  void Connected(int reason, bool sessionPresent);
   void SubscribeLocked(const Subscription& subscription);
   // Writes out what the calling thread has just queued, unless the network
   // thread is busy with the socket or is the caller: then it wakes it.
@@ -200,6 +206,7 @@ class MqttLink {
   std::chrono::seconds m_willExpiry{0};
   std::string m_birthTopic, m_birthPayload;
   std::function<Verdict()> m_guard;
+  int m_keepaliveSeconds = KELBUS_KEEPALIVE_SECONDS;
 
   mosquitto* m_mosq = nullptr;
   // Raised after queueing packets from other threads, so that the network

@@ -67,6 +67,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   KelBusResult Claim(const std::string& app, bool takeOver) override;
   KelBusResult Send(std::string_view target, const char* type, const void* bytes,
                     int size) override;
+  KelBusResult Present(const std::string& app, Clock::time_point deadline, bool* present) override;
   KelBusResult WatchDepartures(bool on) override;
   bool NameLost() const override;
   void Close() override;
@@ -76,6 +77,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // MqttLink::Listener, on the links' threads.
   void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
   void OnStateChanged() override;
+  void OnSessionLost() override;
 
   // Ends the session that the name's former holder left on the broker, so
   // that nothing queued for it reaches this holder, and publishes
@@ -165,6 +167,7 @@ KelBusResult MqttTransport::Connect(const std::string& label) {
                                     SenderTag(m_senderId)),
       *this);
   link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetKeepalive(m_settings.keepalive);
   link->Subscribe(m_topics.CreditTopic({}, SenderTag(m_senderId)), 0);
   const KelBusResult result = link->Open(Clock::now() + kConnectLimit);
   std::lock_guard lock(m_linkMutex);
@@ -177,6 +180,7 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
   departure.kind = ProcessRecord::Kind::kDeparted;
   auto link = std::make_unique<MqttLink>(m_address, m_topics.HolderClientId(presence.app), *this);
   link->SetLastingSession(m_settings.sessionExpiry);
+  link->SetKeepalive(m_settings.keepalive);
   link->SetWill(m_topics.PresenceTopic(presence.app), departure.Encode(), m_settings.departureDelay,
                 m_settings.departureExpiry);
   link->SetBirth(m_topics.PresenceTopic(presence.app), presence.Encode());
@@ -371,6 +375,15 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
   return result;
 }
 
+// On a connection of its own, as a claim reads it: the communicator's link
+// may be down, and its subscriptions are the holder's business.
+KelBusResult MqttTransport::Present(const std::string& app, Clock::time_point deadline,
+                                    bool* present) {
+  const PresenceReading reading = ReadPresence(m_address, m_topics, app, deadline);
+  *present = reading.record && reading.record->kind == ProcessRecord::Kind::kPresent;
+  return reading.result;
+}
+
 KelBusResult MqttTransport::WatchDepartures(bool on) {
   std::lock_guard operation(m_operationMutex);
   m_watching = on;
@@ -554,6 +567,13 @@ void MqttTransport::Report(const ProcessRecord& departure) {
     m_recentReports[m_nextReport++ % m_recentReports.size()] = {departure.claim, now};
   }
   m_inbox.Departed({departure.pid, departure.app, departure.host, departure.user});
+}
+
+// What the holders had not reported dispatched may have died with the
+// broker, and their reports with it: counted on, it would hold every send
+// until the send time-out.  A holder reports what never came as a gap.
+void MqttTransport::OnSessionLost() {
+  m_targets.ForgetOutstanding();
 }
 
 void MqttTransport::OnStateChanged() {

@@ -10,6 +10,7 @@
 
 #include <KelMsgFeaMessaging/KelBus.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,6 +35,10 @@ class Transport {
   // A waiting loop has dispatched `message` (or dropped it for want of a
   // callback); its sender may send more.  Called on the waiting thread.
   virtual void Consumed(const ReceivedMessage& message) = 0;
+  // Whether a live process holds `app`, as its presence record says, in
+  // `*present`; claims nothing.  Gives up at `deadline`.
+  virtual KelBusResult Present(const std::string& app,
+                               std::chrono::steady_clock::time_point deadline, bool* present) = 0;
   // Starts or stops the delivery of departure records to the inbox; records
   // that arrive while stopped are never delivered.
   virtual KelBusResult WatchDepartures(bool on) = 0;

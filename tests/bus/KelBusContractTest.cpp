@@ -95,6 +95,13 @@ int Send(int communicator, const std::string& target, const std::string& type,
       [] { return static_cast<int>(s_bytes->size()); }, [] { return s_type->c_str(); });
 }
 
+// What KelBusApplicationPresent says of `name`: 1 or 0, or -1 when it fails.
+int Presence(int communicator, const std::string& name) {
+  int present = -1;
+  const int result = KelBusApplicationPresent(communicator, name.c_str(), 5000, &present);
+  return result == KELBUS_OK ? present : -1;
+}
+
 // A communicator for the length of a scope: registered (and declared, given
 // an application) on construction, closed on destruction.  `result` is that
 // of registering, or else of declaring.
@@ -177,7 +184,7 @@ TEST_P(KelBusContract, EveryCallChecksItsArgumentsAndReportsItsResult) {
   Member other;
   ASSERT_EQ(CollectMessages(me.id), KELBUS_OK);
   const int m = me.id, o = other.id, bad = m + 1000;
-  int registered = 0;
+  int registered = 0, present = -1;
   const KelBusSizeCallback negative = [] { return -1; };
   const KelBusTypeCallback noType = [] { return static_cast<const char*>(nullptr); };
   g_calls.clear();
@@ -211,6 +218,10 @@ TEST_P(KelBusContract, EveryCallChecksItsArgumentsAndReportsItsResult) {
       {KELBUS_ERR_INVALID, [&] { return BBSysLoopWait(nullptr, 0); }},
       {KELBUS_OK, [&] { return KelMsgBBAPI::BBSysLoopWait(g_received.arrivals, 5000); }},
       {KELBUS_ERR_TIMEOUT, [&] { return BBSysLoopWait(&watched, 0); }},
+      {KELBUS_ERR_BAD_ID, [&] { return KelBusApplicationPresent(bad, "me", 0, &present); }},
+      {KELBUS_ERR_INVALID, [&] { return KelBusApplicationPresent(m, "", 0, &present); }},
+      {KELBUS_ERR_INVALID, [&] { return KelBusApplicationPresent(m, "me", -1, &present); }},
+      {KELBUS_ERR_INVALID, [&] { return KelBusApplicationPresent(m, "me", 0, nullptr); }},
       {KELBUS_ERR_BAD_ID, [&] { return AssociateHandler(bad, nullptr, nullptr); }},
       {KELBUS_OK, [&] { return AssociateHandler(m, nullptr, nullptr); }},
       {KELBUS_ERR_BAD_ID, [&] { return AssociateDisconnectHandler(bad, nullptr, nullptr); }},
@@ -278,7 +289,8 @@ TEST_P(KelBusContract, AHeldNameIsRefusedOrTakenOverAndItsLoserIsWokenAndReporte
 // A message to a name that nobody has held is dropped: the temporary sender
 // has closed, so the broker has it, before the holder declares the name.
 // One to a name whose holder left fails, until a successor holds it (and
-// has told the sender so by a message).
+// has told the sender so by a message).  Asking who holds a name claims
+// nothing.
 TEST_P(KelBusContract, AnyNameCarriesMessagesAndIsFreeAgainOnceItsHolderLeaves) {
   Member sender("sender");
   Member stranger;
@@ -287,9 +299,11 @@ TEST_P(KelBusContract, AnyNameCarriesMessagesAndIsFreeAgainOnceItsHolderLeaves) 
       "a/b", "+", "#", "a b%20", "\xC3\xA9t\xC3\xA9", "$SYS", std::string(4096, '/')};
   for (const std::string& name : names) {
     ASSERT_EQ(Send(Member().id, name, "T", "dropped"), KELBUS_OK);
+    EXPECT_EQ(Presence(stranger.id, name), 0) << name.size();
     {
       Member holder(name.c_str());
       ASSERT_EQ(holder.result, KELBUS_OK) << name.size() << ": " << KelBusLastError();
+      EXPECT_EQ(Presence(stranger.id, name), 1) << name.size();
       ASSERT_EQ(CollectMessages(holder.id), KELBUS_OK);
       ASSERT_EQ(Send(sender.id, name, "T", name), KELBUS_OK);
       ASSERT_TRUE(Await(g_received.messages.size() + 1)) << name.size();
@@ -297,6 +311,7 @@ TEST_P(KelBusContract, AnyNameCarriesMessagesAndIsFreeAgainOnceItsHolderLeaves) 
     }
     EXPECT_EQ(Send(stranger.id, name, "T", "lost"), KELBUS_ERR_GONE);
     EXPECT_EQ(KelBusLastError(), "application '" + name + "' has left the bus");
+    EXPECT_EQ(Presence(stranger.id, name), 0) << name.size();
     Member successor(name.c_str());
     ASSERT_EQ(successor.result, KELBUS_OK) << name.size() << ": " << KelBusLastError();
     ASSERT_EQ(CollectMessages(successor.id), KELBUS_OK);

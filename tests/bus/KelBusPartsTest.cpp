@@ -1,8 +1,11 @@
 // The bus's parts that need no network: the URL, topic names, the records of
-// presence and departure, the send window and the sequence tracker.
+// presence and departure, the send window, the credit windows and the
+// sequence tracker.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +13,7 @@
 #include "BusAddress.h"
 #include "BusCredentials.h"
 #include "BusTopics.h"
+#include "CreditLedger.h"
 #include "ProcessRecord.h"
 #include "ScratchDirectory.h"
 #include "SendWindow.h"
@@ -177,6 +181,48 @@ TEST(KelBusSendWindow, CountsWhatTheBrokerHasNotAcknowledged) {
   for (int mid = 41; mid <= 150; ++mid)
     window.Acknowledge(mid);
   EXPECT_TRUE(window.Empty());
+}
+
+// Four messages of 1000 bytes went to the holder of claim 7; whether one as
+// large as the window may follow once each event has come.  A report names
+// the last message dispatched and frees every one up to it, those lost on
+// the way included: else a gap would hold the sender for ever.
+TEST(KelBusCreditLedger, AReportFreesWhatCameBeforeItLostOrNot) {
+  constexpr std::size_t kWindow = 4000;
+  const auto record = [](ProcessRecord::Kind kind, std::uint64_t claim) {
+    ProcessRecord arrived;
+    arrived.kind = kind;
+    arrived.claim = claim;
+    arrived.app = "app";
+    return arrived;
+  };
+  using Room = CreditLedger::Room;
+  const std::pair<std::function<void(CreditLedger&)>, Room> rows[] = {
+      {[](CreditLedger&) {}, Room::kTimedOut},
+      {[](CreditLedger& ledger) { ledger.Credited(7, 4); }, Room::kGo},  // 2 and 3 lost
+      {[](CreditLedger& ledger) { ledger.Credited(7, 3); }, Room::kTimedOut},
+      {[](CreditLedger& ledger) { ledger.Credited(8, 4); }, Room::kTimedOut},  // not the holder
+      {[&](CreditLedger& ledger) {
+         ledger.RecordArrived(record(ProcessRecord::Kind::kPresent, 8));
+       },
+       Room::kGo},
+      {[&](CreditLedger& ledger) {
+         ledger.RecordArrived(record(ProcessRecord::Kind::kDeparted, 7));
+       },
+       Room::kGone},
+      {[](CreditLedger& ledger) { ledger.ForgetOutstanding(); }, Room::kGo},
+  };
+  for (std::size_t i = 0; i < std::size(rows); ++i) {
+    CreditLedger ledger(kWindow);
+    ledger.Add("app");
+    ledger.RecordArrived(record(ProcessRecord::Kind::kPresent, 7));
+    for (int message = 0; message < 4; ++message)
+      ledger.Sent("app", 1000);
+    rows[i].first(ledger);
+    const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+    EXPECT_EQ(ledger.WaitForRoom("app", kWindow, soon, [] { return false; }), rows[i].second)
+        << "row " << i;
+  }
 }
 
 // A holder's memory of its senders is bounded: the least recent is

@@ -1,8 +1,11 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
-// processes, a receiver slower than its sender, fifty processes at once, a
-// plain MQTT client (mosquitto_pub) that publishes garbage to an
-// application, and a message relayed across three processes.
+// processes, pushes and pulls that ride out a stopped receiver, a killed
+// broker and a cut connection, a push into a full file system, a receiver
+// slower than its sender, fifty processes at once, a plain MQTT client
+// (mosquitto_pub) that publishes garbage to an application, asks for more
+// statements than a server keeps, and a message relayed across three
+// processes.
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
@@ -16,13 +19,16 @@
 #include <thread>
 #include <vector>
 
+#include <KelMsgFeaMessaging/KelMsgBBAPI.h>
 #include <KelMsgFeaMessaging/KelMsgBBApplication.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 #include <KelMsgFeaMessaging/KelMsgFwdHandler.h>
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
+#include <KelMsgFeaMessaging/KelMsgTransferReceiptType.h>
 #include <gtest/gtest.h>
 
 #include "KelmsgProcess.h"
+#include "TcpRelay.h"
 #include "TestBroker.h"
 #include "TestFiles.h"
 
@@ -110,6 +116,121 @@ TEST_F(KelMsgFaultTest, SenderKilledInAPushLeavesTheReceiverServingTheNextSender
   EXPECT_EQ(Start({"push", "receiver", "small.dat", "small.out"})->ExitCode(), 0);
   EXPECT_TRUE(SameContents(Path("small.dat"), Path("small.out")));
   Stop(*receiver);
+}
+
+// A fault in the middle of a transfer that the transfer must ride out, with
+// the file arriving whole and nothing left beside it; only what a killed
+// broker held may be lost, and then the transfer fails and says so.
+enum class Fault {
+  kReceiverStopped,  // longer than the keepalive, so that the broker drops it
+  kBrokerKilled,     // and started again on its port: what it held may be lost
+  kServerCut,        // only the server's connection, for a second
+};
+struct Interruption {
+  const char* command;  // push or pull
+  Fault fault;
+};
+
+class KelMsgInterruptedTransferTest : public KelMsgFaultTest,
+                                      public ::testing::WithParamInterface<Interruption> {};
+
+std::string RowName(const ::testing::TestParamInfo<Interruption>& row) {
+  const char* faults[] = {"ReceiverStopped", "BrokerKilled", "ServerCut"};
+  return row.param.command + std::string(faults[static_cast<int>(row.param.fault)]);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, KelMsgInterruptedTransferTest,
+                         ::testing::Values(Interruption{"push", Fault::kReceiverStopped},
+                                           Interruption{"pull", Fault::kReceiverStopped},
+                                           Interruption{"push", Fault::kBrokerKilled},
+                                           Interruption{"pull", Fault::kBrokerKilled},
+                                           Interruption{"push", Fault::kServerCut},
+                                           Interruption{"pull", Fault::kServerCut}),
+                         RowName);
+
+// The shortest keepalive the bus takes, so that a stop of 12 s outlasts the
+// broker's patience of 1.5 keepalives; the departure delay outlasts every
+// fault, which would otherwise count as the peer's death.  Only the server
+// reaches the broker through the relay.
+TEST_P(KelMsgInterruptedTransferTest, TheFileArrivesWhole) {
+  const auto [command, fault] = GetParam();
+  const bool push = std::string(command) == "push";
+  setenv("KELBUS_KEEPALIVE_SECONDS", "5", 1);
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", "30", 1);
+  WritePatternFile(Path("source.dat"), 32);
+  TcpRelay relay(m_broker.Port());
+  if (fault == Fault::kServerCut)
+    setenv("KELBUS_URL", ("mqtt://127.0.0.1:" + std::to_string(relay.Port())).c_str(), 1);
+  const auto server = Serve("server");
+  setenv("KELBUS_URL", m_broker.Url().c_str(), 1);
+  const auto client = Start({command, "server", "source.dat", "target.dat"});
+  KelmsgProcess& receiver = push ? *server : *client;
+
+  // Under way: a quarter of the file written.
+  const std::string partial = Path("target.dat.partial");
+  for (const auto start = std::chrono::steady_clock::now();
+       std::chrono::steady_clock::now() - start < 20s;) {
+    std::error_code absent;
+    if (std::filesystem::file_size(partial, absent) >= 8 * kMiB && !absent)
+      break;
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_GE(std::filesystem::file_size(partial), 8 * kMiB);
+  switch (fault) {
+    case Fault::kReceiverStopped:
+      receiver.Signal(SIGSTOP);
+      std::this_thread::sleep_for(12s);
+      receiver.Signal(SIGCONT);
+      break;
+    case Fault::kBrokerKilled:
+      m_broker.Kill();
+      ASSERT_TRUE(m_broker.Restart()) << m_broker.Error();
+      break;
+    case Fault::kServerCut:
+      relay.Cut(1s);
+      break;
+  }
+  const std::optional<int> status = client->ExitCode(60s);
+  const std::string err = client->Err();
+  if (fault == Fault::kBrokerKilled && status == 1) {
+    // What the broker held died with it: the loss is told, with the counts.
+    EXPECT_NE(err.find("kelmsg " + std::string(command) + ": "), std::string::npos) << err;
+    EXPECT_NE(err.find(" of 33554432 bytes)"), std::string::npos) << err;
+    EXPECT_FALSE(std::filesystem::exists(Path("target.dat")));
+  } else {
+    EXPECT_EQ(status, 0) << err << server->Out();
+    EXPECT_TRUE(SameContents(Path("source.dat"), Path("target.dat")));
+  }
+  EXPECT_FALSE(std::filesystem::exists(partial));
+  // The bus has said on standard error what it rode out.
+  server->Signal(SIGTERM);
+  EXPECT_EQ(server->ExitCode(), 0);
+}
+
+// A push into a file system that fills up fails with the cause and the
+// counts, and leaves nothing under the file's name.
+TEST_F(KelMsgFaultTest, APushIntoAFullFileSystemFailsSayingSo) {
+  WriteFile(Path("big.dat"), RandomBytes(3 * kMiB));
+  std::filesystem::create_directory(Path("small"));
+  KelmsgProcess server({"serve", "small"}, Path("small"),
+                       KelmsgProcess::OnTmpfs(Path("small"), kMiB));
+  if (!server.WaitForOutput("serving files as small")) {
+    GTEST_SKIP() << "no tmpfs in a mount namespace here: " << server.Out();
+  }
+  KelmsgProcess push({"push", "small", "big.dat", "big.out"}, m_scratch.Path());
+  EXPECT_EQ(push.ExitCode(), 1);
+  EXPECT_EQ(
+      push.Err().find("kelmsg push: small could not write big.out: No space left on device ("), 0U)
+      << push.Err();
+  EXPECT_TRUE(push.Err().ends_with(" of 3145728 bytes)\n")) << push.Err();
+  EXPECT_TRUE(server.WaitForOutput(" of 3145728 bytes); removed big.out.partial\n"))
+      << server.Out();
+  // The server's file system is its own.
+  const std::string seen = "/proc/" + std::to_string(server.Pid()) + "/root" + Path("small");
+  ASSERT_TRUE(std::filesystem::exists(seen));
+  EXPECT_FALSE(std::filesystem::exists(seen + "/big.out"));
+  EXPECT_FALSE(std::filesystem::exists(seen + "/big.out.partial"));
+  Stop(server);
 }
 
 // The server must take requests and send again, and the watcher still learn
@@ -242,6 +363,29 @@ TEST_F(KelMsgFaultTest, ForeignClientsGarbageIsRefusedWithAReportAndTheReceiverS
   const std::string out = collector.Out();
   EXPECT_NE(out.find("-- id raw\nMessage Type: KelMsgStringType\n   size: 5\n"), out.npos) << out;
   EXPECT_NE(out.find("-- id raw\nAnalysis Message"), out.npos) << out;
+}
+
+// Asks for statements that no request follows, each under another puller's
+// name, from one more puller than a server owes statements to at once: that
+// one is refused in one line, and the server serves on.
+TEST_F(KelMsgFaultTest, AServerOwesStatementsToABoundedNumberOfPullers) {
+  const auto server = Serve("server");
+  const KelMsgBBCallbackManager registry;
+  // A communicator without an application: nobody vouches for its
+  // messages, so each may claim a puller of its own.
+  int asker = 0;
+  ASSERT_EQ(KelMsgBBAPI::RegisterCommunicator("asker", asker), KELBUS_OK);
+  const KelMsgTransferReceiptType ask;
+  for (int puller = 0; puller <= 256; ++puller) {
+    KelMsgBBCallbackManager::SetMessageID(("puller" + std::to_string(puller)).c_str());
+    ASSERT_EQ(KelMsgBBAPI::SendRequest(asker, "server", ask), KELBUS_OK);
+  }
+  CloseCommunicator(asker);
+  EXPECT_TRUE(server->WaitForOutput(
+      "refused to state what is sent to puller256: 256 pullers await a statement already\n"))
+      << server->Out();
+  EXPECT_EQ(std::ranges::count(server->Out(), '\n'), 2) << server->Out();
+  Stop(*server);
 }
 
 // origin -> relay (this process) -> sink: the relay's forwarding handler

@@ -119,8 +119,10 @@ TEST(KelMsgConfinedFiles, StrangersReachNoFileBeyondTheServedDirectoriesAndServi
             std::string::npos);
 
   // A stranger's transfer to a pull that waits for mallory.
+  KelmsgProcess mallory({"listen", "mallory"});
+  ASSERT_TRUE(mallory.WaitForOutput("listening as mallory\n"));
   KelmsgProcess puller({"pull", "mallory", "x", "got", "--as", "puller", "--timeout", "2"}, client);
-  ASSERT_TRUE(Eventually([&] { return stranger.steps[kPull] > 0; }));
+  ASSERT_TRUE(mallory.WaitForOutput("Message Type: KelMsgFileTransferType\n"));
   for (const int step : {kPush, kChunk, kIEnd})
     stranger.Send("puller", step, "eve", "stolen");
   EXPECT_EQ(puller.ExitCode(), 1);

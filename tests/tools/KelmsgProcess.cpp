@@ -32,6 +32,16 @@ KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
     : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out",
                             launcher)) {}
 
+std::vector<std::string> KelmsgProcess::OnTmpfs(const std::string& directory, std::size_t bytes) {
+  return {KELMSG_UNSHARE,
+          "--map-root-user",
+          "--mount",
+          "/bin/sh",
+          "-c",
+          "mount -t tmpfs -o size=" + std::to_string(bytes) + " tmpfs \"$0\" && exec \"$@\"",
+          directory};
+}
+
 bool KelmsgProcess::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {

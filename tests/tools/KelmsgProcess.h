@@ -24,6 +24,12 @@ class KelmsgProcess {
   explicit KelmsgProcess(const std::vector<std::string>& arguments,
                          const std::string& workingDirectory = "",
                          const std::vector<std::string>& launcher = {});
+  // A launcher for the constructor that runs kelmsg in a mount namespace of
+  // its own (unshare) where `directory` is a fresh tmpfs of `bytes`, which
+  // only that process sees (under /proc/<Pid()>/root); where namespaces or
+  // mounting are not permitted, the process ends at once with status 1 and
+  // says why.
+  static std::vector<std::string> OnTmpfs(const std::string& directory, std::size_t bytes);
 
   // Waits until standard output holds `text`; false when the process ends
   // first or `limit` passes.

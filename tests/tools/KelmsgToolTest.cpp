@@ -111,6 +111,11 @@ TEST_F(KelmsgOnBus, EveryFailureIsOneLineWithItsStatus) {
       {{"push", "files", "big.inp", "big.out"},
        1,
        "files could not write big.out: File too large (100000 of 200000 bytes)\n"},
+      // Nobody holds the name: said at once, not after the time-out.
+      {{"push", "nobody", "model.inp", "x", "--no-wait"},
+       1,
+       "nobody is not on the bus (is it serving?)\n"},
+      {{"pull", "nobody", "model.inp", "y"}, 1, "nobody is not on the bus (is it serving?)\n"},
       // A listener holds its name but answers nothing.
       {{"push", "inbox", "model.inp", "x", "--timeout", "1"},
        1,

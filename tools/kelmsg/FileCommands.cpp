@@ -139,6 +139,13 @@ class TransferSession {
 
   KelMsgVerifiedTransfer& Files() { return m_files; }
 
+  // A server that is not on the bus would show only as silence, after the
+  // time-out; the bus knows at once.
+  void RequireServing(const std::string& server) const {
+    if (m_session.Absent(server))
+      throw CommandFailure(server + " is not on the bus (is it serving?)");
+  }
+
   // Throws the transfer's one line unless it was verified.
   void Check(bool verified) const {
     if (!verified)
@@ -155,6 +162,7 @@ void Push(const TransferOptions& options) {
   TransferProgress progress(stdout, options.source + " -> " + options.server + ":" + options.target,
                             size);
   TransferSession transfer(options, progress);
+  transfer.RequireServing(options.server);
   const bool verified =
       transfer.Files().Push(options.baseDir.c_str(), options.jobDir.c_str(), options.source.c_str(),
                             options.server.c_str(), options.serverBaseDir.c_str(),
@@ -168,6 +176,7 @@ void Pull(const TransferOptions& options) {
   TransferProgress progress(stdout, options.server + ":" + options.source + " -> " + options.target,
                             TransferProgress::kUnknownSize);
   TransferSession transfer(options, progress);
+  transfer.RequireServing(options.server);
   const bool verified = transfer.Files().Pull(options.server.c_str(), options.serverBaseDir.c_str(),
                                               options.serverJobDir.c_str(), options.source.c_str(),
                                               options.baseDir.c_str(), options.jobDir.c_str(),

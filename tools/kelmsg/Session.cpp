@@ -12,6 +12,9 @@ namespace {
 // Waits are cut into slices this long so that a stop signal is noticed.
 constexpr int kWaitSliceMilliseconds = 200;
 
+// How long a look at the presence of another application may take.
+constexpr int kPresenceLimitMilliseconds = KELBUS_CONNECT_SECONDS * 1000;
+
 std::string LastBusError() {
   return KelBusLastError();
 }
@@ -46,6 +49,13 @@ void Session::Send(const std::string& targetApplication, const KelMsgBBMessage& 
   if (m_application.Send(targetApplication.c_str(), message) != KELBUS_OK) {
     throw CommandFailure("cannot send to " + targetApplication + ": " + LastBusError());
   }
+}
+
+bool Session::Absent(const std::string& application) const {
+  int present = 1;
+  KelBusApplicationPresent(Communicator(), application.c_str(), kPresenceLimitMilliseconds,
+                           &present);
+  return present == 0;
 }
 
 Session::WaitEnd Session::Wait(int& flag, std::chrono::seconds limit) const {

@@ -36,6 +36,9 @@ class Session {
   void WatchDepartures(const KelMsgBBDisconnectHandler& watcher);
   // Throws CommandFailure when the bus does not take the message.
   void Send(const std::string& targetApplication, const KelMsgBBMessage& message) const;
+  // True only when the bus says that no live process holds `application`;
+  // false as well when the bus cannot tell.
+  bool Absent(const std::string& application) const;
   // Runs the handlers until one changes `flag`, `limit` has passed (zero:
   // no limit) or a stop signal has arrived (see StopSignals).  Throws
   // CommandFailure when the connection to the bus is lost for good.

@@ -8,7 +8,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -35,6 +34,12 @@ using Receipt = KelMsgTransferReceipt;
 constexpr char kPartialSuffix[] = ".partial";
 constexpr int kWaiting = -1;
 constexpr int kDone = 0;
+// Pullers owed a statement at once.  The request that follows an ask from
+// the same puller settles it, so only a handful wait at a time; the bound
+// keeps asks that no request follows (forged, or from pullers that died)
+// from growing the list, and such asks make room once they are this old.
+constexpr std::size_t kMostAskers = 256;
+constexpr std::chrono::seconds kAskLifetime{60};
 
 // The file as its own side names it, for people.
 std::string ShownName(const char* jobDir, const char* fileName) {
@@ -191,6 +196,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   void OnReceipt(const KelMsgTransferReceiptType& msg, const char* id);
   void PeerLeft(const char* application);
   bool Admits(const char* id) const;
+  void TakeAsk(const char* id);
 
   void ServeRequest(const KelMsgFileTransferData& request, const char* id);
   void Announce(const KelMsgFileTransferData& notice);
@@ -213,9 +219,9 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   KelMsgFileTransfer m_engine;
   KelMsgFileTransferHandler m_plainRoute;  // what needs no verifying
   DepartureWatcher m_departures;
-  std::map<std::string, Inbound> m_inbound;  // by source application
-  std::set<std::string> m_askers;            // pullers owed a statement
-  std::unique_ptr<KelMsgByteTally> m_sent;   // the file being sent
+  std::map<std::string, Inbound> m_inbound;           // by source application
+  std::map<std::string, Clock::time_point> m_askers;  // pullers owed a statement, since
+  std::unique_ptr<KelMsgByteTally> m_sent;            // the file being sent
   // The wait of a Push or a Pull.
   int m_waitFlag = kDone;
   std::string m_awaited;
@@ -313,7 +319,7 @@ void KelMsgVerifiedTransfer::Parts::OnReceipt(const KelMsgTransferReceiptType& m
   m_lastHeard = Clock::now();
   switch (msg.Step()) {
     case KelMsgTransferReceiptType::RECEIPT_ASK:
-      m_askers.insert(id);
+      TakeAsk(id);
       break;
     case KelMsgTransferReceiptType::RECEIPT_SENT:
       if (Inbound* inbound = Find(id))
@@ -330,7 +336,20 @@ void KelMsgVerifiedTransfer::Parts::OnReceipt(const KelMsgTransferReceiptType& m
   }
 }
 
+void KelMsgVerifiedTransfer::Parts::TakeAsk(const char* id) {
+  const auto now = Clock::now();
+  if (m_askers.size() >= kMostAskers)
+    std::erase_if(m_askers, [now](const auto& ask) { return now - ask.second > kAskLifetime; });
+  if (m_askers.size() >= kMostAskers && !m_askers.contains(id)) {
+    Log("refused to state what is sent to " + std::string(id) + ": " +
+        std::to_string(m_askers.size()) + " pullers await a statement already");
+    return;
+  }
+  m_askers[id] = now;
+}
+
 void KelMsgVerifiedTransfer::Parts::PeerLeft(const char* application) {
+  m_askers.erase(application);
   if (Inbound* inbound = Find(application)) {
     inbound->written.Fail(Receipt::FAILURE_SENDER_LEFT, "");
     // The engine's own end of a transfer closes and forgets the file.

@@ -25,6 +25,13 @@
 // receiving side then closes and removes the sender's file at once, and a
 // waiting Push or Pull ends.
 //
+// A sending side owes statements to at most 256 pullers at a time (a
+// puller's request settles its ask at once, so only a burst of pullers or
+// asks never followed by a request come near); a further ask is refused with
+// a line on the report stream, and that puller fails for want of a
+// statement.  An ask a minute old, or from a puller that left the bus, no
+// longer counts.
+//
 // Every finished transfer that this side received for a peer, and every
 // send that a peer requested and that failed, is reported in one line on
 // the report stream given at construction (nothing when null).  Push and
@@ -65,7 +72,8 @@ class KelMsgVerifiedTransfer {
 
   // Push and Pull give up when nothing of theirs has arrived for this many
   // seconds; 0 (the default) waits for ever.  A peer that is not on the bus
-  // shows only this way: the bus drops messages to a name nobody holds.
+  // shows only this way, since the bus drops messages to a name nobody
+  // holds: ask the bus first (KelBusApplicationPresent).
   void SetPatience(int seconds);
   // Failed transfers received here leave their NAME.partial in place.
   void SetKeepPartial(bool keep);

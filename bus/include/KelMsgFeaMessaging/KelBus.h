@@ -109,6 +109,11 @@
 //     a message delivered again, and reports one that never came in a
 //     diagnostic line naming sender, application and count.  Messages from
 //     plain MQTT clients, without the property, are delivered as they come.
+//   - A broker killed loses what it held since it last saved its state.
+//     The holder reports the messages lost as a gap with the next one that
+//     comes; their senders, whose sessions died too, stop counting what
+//     they had sent on their receive windows, so that none waits for
+//     reports of messages that will never be dispatched.
 //   - A message to an application that no process ever held is dropped by
 //     the broker (SendRequest returns KELBUS_OK).  A message to one whose
 //     holder left fails with KELBUS_ERR_GONE, until somebody holds it again.
@@ -260,7 +265,9 @@ enum {
   // Time limit for reaching the broker when a communicator is registered or
   // declares an application.
   KELBUS_CONNECT_SECONDS = 5,
-  // MQTT keepalive of every connection.
+  // MQTT keepalive of every connection; the environment variable of the
+  // same name may set another number of seconds, from 5 (the least that
+  // libmosquitto takes) to 65535, for a communicator registered afterwards.
   KELBUS_KEEPALIVE_SECONDS = 10
 };
 
@@ -325,6 +332,19 @@ int DeclareApplicationId(int communicatorId, const char* applicationId, int flag
 // KELBUS_ERR_TRANSPORT.
 int SendRequest(int communicatorId, const char* targetApplication, KelBusStreamCallback stream,
                 KelBusSizeCallback size, KelBusTypeCallback type);
+
+// Tells whether a live process holds the application `applicationId`:
+// stores 1 in `*present` when its holder's presence record stands, 0 when
+// nobody ever held it or its holder left (see DEPARTURES: a holder that died
+// counts as present until its departure is published).  Claims nothing and
+// sends nothing to the holder; reads the broker's record on a connection of
+// its own, so it answers also while the communicator's connection is down,
+// within `timeout` milliseconds.
+// Results: KELBUS_OK, KELBUS_ERR_INVALID (empty name, null `present`,
+// negative `timeout`), KELBUS_ERR_BAD_ID, KELBUS_ERR_UNREACHABLE,
+// KELBUS_ERR_REFUSED, KELBUS_ERR_TRANSPORT (no answer in time).
+int KelBusApplicationPresent(int communicatorId, const char* applicationId, int timeout,
+                             int* present);
 
 // Installs the callback that receives the messages of the communicator's
 // application; null removes it.  A message dispatched while no callback is
