@@ -10,6 +10,7 @@ packages=(
   libmosquitto-dev mosquitto mosquitto-clients
   libpugixml-dev libcli11-dev libssl-dev
   clang libclang-rt-14-dev
+  dpkg-dev file debootstrap
 )
 
 missing=()
