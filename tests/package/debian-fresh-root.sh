@@ -34,10 +34,9 @@ quietly() {
     exit 1
   fi
 }
-in_root() {
-  chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
-    DEBIAN_FRONTEND=noninteractive "$@"
-}
+# A command in the root, the same process as the one started here.
+in_root=(chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root
+         DEBIAN_FRONTEND=noninteractive)
 
 quietly cpack --config "$build_dir/CPackConfig.cmake" -B "$scratch/debs"
 mkdir -p "$cache/apt"
@@ -52,11 +51,11 @@ mkdir "$root/packages" "$root/consume"
 cp "$scratch"/debs/*.deb "$root/packages/"
 deb() { echo "/packages/$(cd "$root/packages" && echo "$1"_*.deb)"; }
 cp -r "$package_dir/consume.sh" "$package_dir/consumer" "$root/consume/"
-quietly in_root apt-get update
+quietly "${in_root[@]}" apt-get update
 find "$cache/apt" -name '*.deb' -exec cp -t "$root/var/cache/apt/archives" {} +
 
-quietly in_root apt-get install -y "$(deb libkelmsgfeamessaging1)" "$(deb kelmsg)"
-in_root kelmsg bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
+quietly "${in_root[@]}" apt-get install -y -o Dpkg::Options::=--force-unsafe-io "$(deb libkelmsgfeamessaging1)" "$(deb kelmsg)"
+"${in_root[@]}" kelmsg bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
 broker=$!
 until grep -q '^KELBUS_URL=' "$scratch/bus.out"; do
   if ! kill -0 "$broker" 2>/dev/null; then cat "$scratch/bus.err" >&2; exit 1; fi
@@ -64,10 +63,10 @@ until grep -q '^KELBUS_URL=' "$scratch/bus.out"; do
 done
 broker_url=$(sed -n 's/^KELBUS_URL=//p' "$scratch/bus.out")
 
-quietly in_root apt-get install -y --no-install-recommends \
+quietly "${in_root[@]}" apt-get install -y -o Dpkg::Options::=--force-unsafe-io --no-install-recommends \
   "$(deb libkelmsgfeamessaging-dev)" g++ cmake ninja-build pkg-config
 find "$root/var/cache/apt/archives" -name '*.deb' ! -name 'kelmsg_*' ! -name 'libkelmsg*' \
   -exec cp -n -t "$cache/apt" {} +
-in_root /consume/consume.sh /consume/consumer /consume/work \
+"${in_root[@]}" /consume/consume.sh /consume/consumer /consume/work \
   /usr/share/KelMsgFeaMessaging/kelbus-mosquitto.conf "$broker_url"
 echo "the Debian packages installed on a fresh Debian 12 and served the consumer there"

@@ -21,6 +21,14 @@ prefix=$scratch/prefix
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 configuration=$prefix/share/KelMsgFeaMessaging/kelbus-mosquitto.conf
 test -r "$configuration"
+# Each installed library and program finds what it needs by itself, also
+# where the program that loads it names none of it.
+for binary in "$prefix/$libdir"/lib*.so.* "$prefix"/bin/*; do
+  if ldd "$binary" | grep "not found"; then
+    echo "install-and-consume.sh: $binary does not find the libraries above" >&2
+    exit 1
+  fi
+done
 
 kelmsg=$prefix/bin/kelmsg
 broker_url=
