@@ -3,6 +3,7 @@ include(CMakePackageConfigHelpers)
 # Three components, each one Debian package (KelMsgPackaging.cmake): runtime,
 # the shared libraries with the broker configurations they name; development,
 # what a program needs to build against them; tool, kelmsg.
+
 # Installed programs and libraries find the libraries beside them wherever the
 # installation lies, without LD_LIBRARY_PATH.
 set(kelmsg_libraries KelMsgFeaMessaging KelBus KelMsgPlatform)
