@@ -21,7 +21,10 @@ c++ -std=c++20 -o "$work/pkg-config-consumer" "$source_dir/consumer.cpp" \
 
 for consumer in "$work/find_package/consumer" "$work/pkg-config-consumer"; do
   for url in local: $broker_url; do
-    KELBUS_URL=$url "$consumer"
+    if ! KELBUS_URL=$url "$consumer"; then
+      echo "consume.sh: $consumer failed over $url" >&2
+      exit 1
+    fi
   done
   if KELBUS_URL=mqtt://127.0.0.1:1 "$consumer" 2>"$work/unreachable.err"; then
     echo "consume.sh: $consumer joined a bus where none runs" >&2
