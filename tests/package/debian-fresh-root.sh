@@ -9,6 +9,7 @@
 # next runs: bootstrapping takes minutes.
 #   debian-fresh-root.sh BUILD_DIR
 set -euo pipefail
+source "$(dirname "$0")/kelmsg-bus-url.sh"
 if [ "$(id -u)" -ne 0 ]; then
   echo "debian-fresh-root.sh: skipped: bootstrapping a Debian root needs root"
   exit 0
@@ -57,11 +58,7 @@ find "$cache/apt" -name '*.deb' -exec cp -t "$root/var/cache/apt/archives" {} +
 quietly "${in_root[@]}" apt-get install -y -o Dpkg::Options::=--force-unsafe-io "$(deb libkelmsgfeamessaging1)" "$(deb kelmsg)"
 "${in_root[@]}" kelmsg bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
 broker=$!
-until grep -q '^KELBUS_URL=' "$scratch/bus.out"; do
-  if ! kill -0 "$broker" 2>/dev/null; then cat "$scratch/bus.err" >&2; exit 1; fi
-  sleep 0.1
-done
-broker_url=$(sed -n 's/^KELBUS_URL=//p' "$scratch/bus.out")
+broker_url=$(kelmsg_bus_url "$broker" "$scratch/bus.out" "$scratch/bus.err")
 
 quietly "${in_root[@]}" apt-get install -y -o Dpkg::Options::=--force-unsafe-io --no-install-recommends \
   "$(deb libkelmsgfeamessaging-dev)" g++ cmake ninja-build pkg-config

@@ -4,6 +4,7 @@
 # has the consumer (consume.sh) and the examples, both built as outside
 # projects against that prefix alone, work on it with no LD_LIBRARY_PATH.
 set -euo pipefail
+source "$(dirname "$0")/kelmsg-bus-url.sh"
 build_dir=$1
 package_dir=$2
 examples_dir=$3
@@ -35,11 +36,7 @@ broker_url=
 if [ -x "$kelmsg" ]; then
   "$kelmsg" bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
   broker=$!
-  until grep -q '^KELBUS_URL=' "$scratch/bus.out"; do
-    if ! kill -0 "$broker" 2>/dev/null; then cat "$scratch/bus.err" >&2; exit 1; fi
-    sleep 0.1
-  done
-  broker_url=$(sed -n 's/^KELBUS_URL=//p' "$scratch/bus.out")
+  broker_url=$(kelmsg_bus_url "$broker" "$scratch/bus.out" "$scratch/bus.err")
 else
   echo "kelmsg was not built; no broker, the examples' job is not run"
 fi
