@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-14-dev
   iproute2
   python3-dev pybind11-dev python3-pytest python3-mypy
+  dpkg-dev file debootstrap
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, runs every fuzz target for a
 # fixed number of executions over its seed corpus, then configures, builds and
-# runs every test under the default preset and under the asan preset.
+# runs every test under the default preset and under the asan preset, and
+# installs the default build's Debian packages on a fresh Debian 12.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -17,3 +18,6 @@ for preset in default asan; do
   echo "== $preset: test"
   ctest --preset "$preset" -j2
 done
+
+echo "== Debian packages: install on a fresh Debian 12 and build against them"
+tests/package/debian-fresh-root.sh build/default

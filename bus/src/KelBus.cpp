@@ -1,8 +1,10 @@
 // The functions of KelBus.h: argument checks and the waiting loops; the rest
 // is the communicators' and their transports'.
 #include <KelMsgFeaMessaging/KelBus.h>
+#include <dlfcn.h>
 
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,10 +46,26 @@ KelBusResult NoCommunicator(int id) {
   return Fail(KELBUS_ERR_BAD_ID, "no open communicator " + std::to_string(id));
 }
 
+// The broker configuration installed with this library, found from where the
+// library was loaded (any address inside it tells), so that an installation
+// moved elsewhere (a package under /usr, a private prefix) names its own copy.
+std::string InstalledBrokerConfiguration() {
+  Dl_info library{};
+  if (dladdr(kNoBytes, &library) == 0 || library.dli_fname == nullptr)
+    return "kelbus-mosquitto.conf";
+  // The loader may have found it through a link to where it lies: /lib for
+  // /usr/lib.
+  std::error_code unresolved;
+  std::filesystem::path file = std::filesystem::weakly_canonical(library.dli_fname, unresolved);
+  if (unresolved)
+    file = library.dli_fname;
+  return (file.parent_path() / KELBUS_BROKER_CONFIG).lexically_normal().string();
+}
+
 void ReportUnusableBus(KelBusResult result, const BusAddress& address) {
   if (result == KELBUS_ERR_UNREACHABLE) {
     Diagnose("KelBus: no MQTT broker answers at " + address.Describe() + " (" + LastErrorText() +
-             "); start one with 'mosquitto -c " KELBUS_BROKER_CONFIG
+             "); start one with 'mosquitto -c " + InstalledBrokerConfiguration() +
              "' or set KELBUS_URL to one that runs");
   } else {
     Diagnose("KelBus: cannot join the bus at " + address.Describe() + ": " + LastErrorText());

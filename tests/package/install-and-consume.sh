@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Installs the built tree into a scratch prefix, then configures, builds and
-# runs the consumer against that prefix alone; pkg-config must agree.  Then
-# builds the examples the same way, as an outside project, and, when kelmsg
-# was installed, runs their job on a broker that the installed kelmsg starts
-# with the installed configuration.
+# Installs the built tree into a scratch prefix, starts a broker with the
+# installed kelmsg and its installed configuration when kelmsg was built, and
+# has the consumer (consume.sh) and the examples, both built as outside
+# projects against that prefix alone, work on it with no LD_LIBRARY_PATH.
 set -euo pipefail
+source "$(dirname "$0")/kelmsg-bus-url.sh"
 build_dir=$1
-source_dir=$2
+package_dir=$2
 examples_dir=$3
+libdir=$4  # relative to the prefix
 scratch=$(mktemp -d)
 broker=
 cleanup() {
@@ -15,36 +16,39 @@ cleanup() {
   rm -rf "$scratch"
 }
 trap cleanup EXIT
+unset LD_LIBRARY_PATH
 
 prefix=$scratch/prefix
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
-cmake -S "$source_dir" -B "$scratch/build" -G Ninja \
-      -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$scratch/build" >/dev/null
-LD_LIBRARY_PATH="$prefix/lib:${LD_LIBRARY_PATH:-}" "$scratch/build/consumer"
-
-export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
-pkg-config --exists KelMsgFeaMessaging
-pkg-config --libs KelMsgFeaMessaging | grep -q -- "-lKelMsgFeaMessaging"
-echo "consumer built and ran against the installed package"
-
-cmake -S "$examples_dir" -B "$scratch/examples" -G Ninja \
-      -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$scratch/examples" >/dev/null
-echo "examples built against the installed package"
+configuration=$prefix/share/KelMsgFeaMessaging/kelbus-mosquitto.conf
+test -r "$configuration"
+# Each installed library and program finds what it needs by itself, also
+# where the program that loads it names none of it.
+for binary in "$prefix/$libdir"/lib*.so.* "$prefix"/bin/*; do
+  if ldd "$binary" | grep "not found"; then
+    echo "install-and-consume.sh: $binary does not find the libraries above" >&2
+    exit 1
+  fi
+done
 
 kelmsg=$prefix/bin/kelmsg
-if [ ! -x "$kelmsg" ]; then
-  echo "kelmsg was not built; the examples' job is not run"
-  exit 0
+broker_url=
+if [ -x "$kelmsg" ]; then
+  "$kelmsg" bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
+  broker=$!
+  broker_url=$(kelmsg_bus_url "$broker" "$scratch/bus.out" "$scratch/bus.err")
+else
+  echo "kelmsg was not built; no broker, the examples' job is not run"
 fi
-test -r "$prefix/share/KelMsgFeaMessaging/kelbus-mosquitto.conf"
-"$kelmsg" bus --ports 20000-29999 >"$scratch/bus.out" 2>"$scratch/bus.err" &
-broker=$!
-until grep -q '^KELBUS_URL=' "$scratch/bus.out"; do
-  if ! kill -0 "$broker" 2>/dev/null; then cat "$scratch/bus.err" >&2; exit 1; fi
-  sleep 0.1
-done
-export "$(grep '^KELBUS_URL=' "$scratch/bus.out")"
-"$scratch/examples/kelmsg_job_monitor" "$scratch/examples/kelmsg_solver" "$scratch/job"
-echo "the examples' job ran on the installed kelmsg's broker"
+
+export CMAKE_PREFIX_PATH=$prefix PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+"$package_dir/consume.sh" "$package_dir/consumer" "$scratch" "$configuration" $broker_url
+
+cmake -S "$examples_dir" -B "$scratch/examples" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$scratch/examples" >/dev/null
+echo "examples built against the installed package"
+if [ -n "$broker_url" ]; then
+  KELBUS_URL=$broker_url "$scratch/examples/kelmsg_job_monitor" \
+    "$scratch/examples/kelmsg_solver" "$scratch/job"
+  echo "the examples' job ran on the installed kelmsg's broker"
+fi

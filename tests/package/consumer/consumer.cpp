@@ -1,17 +1,19 @@
-// Defines a message class on the installed headers, registers it and
-// dispatches one framed buffer; exits 0 when the handler saw the payload.
+// Defines a message class on the installed headers, and has one application
+// send it to another over the bus that KELBUS_URL names; exits 0 when the
+// receiver's handler saw the payload and who sent it.
+#include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
+#include <KelMsgFeaMessaging/KelMsgBBApplication.h>
 #include <KelMsgFeaMessaging/KelMsgBBCallbackManager.h>
 #include <KelMsgFeaMessaging/KelMsgBBMessage.h>
 #include <KelMsgFeaMessaging/KelMsgBBMessageHandler.h>
-#include <KelMsgFeaMessaging/KelMsgModules.h>
 
 namespace {
 
-std::string g_seen;
+constexpr char kSender[] = "consumer-monitor";
+constexpr char kReceiver[] = "consumer-solver";
 
 class Note : public KelMsgBBMessage {
  public:
@@ -32,26 +34,42 @@ class Note : public KelMsgBBMessage {
 
 class NoteHandler : public KelMsgBBMessageHandler {
  public:
+  NoteHandler(std::string& seen, int& done) : m_seen(seen), m_done(done) {}
   void HandleMessage(const KelMsgBBMessage& msg, const char* id) override {
-    g_seen = std::string(id) + ":" + static_cast<const Note&>(msg).Text();
+    m_seen = std::string(id) + ":" + static_cast<const Note&>(msg).Text();
+    m_done = 0;
   }
+
+ private:
+  std::string& m_seen;
+  int& m_done;
 };
+
+int Fail(const char* what, const char* why) {
+  std::fprintf(stderr, "consumer: %s: %s\n", what, why);
+  return 1;
+}
 
 }  // namespace
 
 int main() {
-  KelMsgModules_initializeC();
+  const KelMsgBBApplication receiver(kReceiver);
+  if (!receiver.Joined())
+    return Fail("cannot join the bus", KelBusLastError());
+  const KelMsgBBApplication sender(kSender);  // last joined: the messages' sender
+  if (!sender.Joined())
+    return Fail("cannot join the bus", KelBusLastError());
+
+  std::string seen;
+  int done = -1;
   KelMsgBBCallbackManager registry;
-  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new Note, new NoteHandler);
-  KelMsgBBCallbackManager::SetMessageID("monitor");
+  KelMsgBBCallbackManager::AdoptPrototypeAndHandler(new Note, new NoteHandler(seen, done));
+  if (sender.Send(kReceiver, Note("hello")) != KELBUS_OK)
+    return Fail("cannot send", KelBusLastError());
+  receiver.Wait(done, 10000);
 
-  const Note outgoing("hello");
-  KelMsgBBCallbackManager::AppendMessageToSend(&outgoing);
-  std::vector<char> buffer(
-      static_cast<std::size_t>(KelMsgBBCallbackManager::RequiredBufferSizeOfPendingMessage()));
-  KelMsgBBCallbackManager::StreamPendingMessage(buffer.data(), static_cast<int>(buffer.size()));
-  KelMsgBBCallbackManager::HandleMessage("Note", buffer.data(), static_cast<int>(buffer.size()));
-
-  KelMsgModules_finalizeC();
-  return g_seen == "monitor:hello" ? 0 : 1;
+  const std::string expected = std::string(kSender) + ":hello";
+  if (seen != expected)
+    return Fail("the receiver did not see the message", seen.c_str());
+  return 0;
 }
