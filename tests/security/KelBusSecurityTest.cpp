@@ -154,6 +154,14 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
                               .caFile = eve.caFile});
          return thief.PublishAccepted("kelbus/p/solver", forged.Encode(), "", true);
        }},
+      // Eve may write her own presence topic; a record there that names
+      // another application is a forgery all the same.
+      {"solver's departure record on eve's own topic",
+       [&] {
+         forged.kind = ProcessRecord::Kind::kDeparted;
+         attacker.PublishAccepted("kelbus/p/eve", forged.Encode(), "", true);
+         return false;  // no departure may be reported: checked below
+       }},
       {"an envelope that claims another application",
        [&] {
          attacker.PublishAccepted("kelbus/a/solver/eve", kill, kString);
