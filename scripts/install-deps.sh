@@ -10,7 +10,7 @@ packages=(
   libmosquitto-dev mosquitto mosquitto-clients
   libpugixml-dev libcli11-dev libssl-dev
   clang libclang-rt-14-dev
-  iproute2
+  iproute2 socat
   python3-dev pybind11-dev python3-pytest python3-mypy
   dpkg-dev file debootstrap
 )
