@@ -1,11 +1,11 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
 // processes, pushes and pulls that ride out a stopped receiver, a killed
-// broker and a cut connection, a push into a full file system, a receiver
-// slower than its sender, fifty processes at once, a plain MQTT client
-// (mosquitto_pub) that publishes garbage to an application, asks for more
-// statements than a server keeps, and a message relayed across three
-// processes.
+// broker, a broker stopped cleanly and a cut connection, a push into a full
+// file system, a receiver slower than its sender, fifty processes at once, a
+// plain MQTT client (mosquitto_pub) that publishes garbage to an
+// application, asks for more statements than a server keeps, and a message
+// relayed across three processes.
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
