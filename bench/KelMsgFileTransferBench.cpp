@@ -35,6 +35,7 @@
 #include <KelMsgFeaMessaging/KelMsgFileTransferHandler.h>
 #include <KelMsgFeaMessaging/KelMsgFileTransferType.h>
 
+#include "BenchArguments.h"
 #include "BenchSourceFile.h"
 #include "BenchTable.h"
 #include "ChildProcess.h"
@@ -54,7 +55,7 @@ struct Settings {
   std::uintmax_t fileSize = 1024ull * 1024 * 1024;
   // Runs of every measurement; the best one counts, since the machine may be
   // shared and the best run is the one least disturbed.
-  int repeat = 3;
+  std::uintmax_t repeat = 3;
 };
 
 double Now() {
@@ -362,7 +363,7 @@ void FileTransferRows(const Settings& settings, const TestBroker& broker,
   Transfer library[3];
   Transfer tls;  // SendFile over mqtts://
   double copy = 1e300;
-  for (int run = 0; run < settings.repeat; ++run) {
+  for (std::uintmax_t run = 0; run < settings.repeat; ++run) {
     raw.Merge(RawTransfer(files, port));
     CheckCopy(files, size, "the raw baseline");
     copy = std::min(copy, CopySeconds(files));
@@ -404,26 +405,13 @@ void FileTransferRows(const Settings& settings, const TestBroker& broker,
   fs::remove_all(directory);
 }
 
-Settings Parse(int argc, char** argv) {
-  Settings settings;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string flag = argv[i];
-    if (flag == "--file-size") {
-      settings.fileSize = std::strtoull(argv[i + 1], nullptr, 10);
-    } else if (flag == "--repeat") {
-      settings.repeat = std::max(1, std::atoi(argv[i + 1]));
-    } else {
-      std::fprintf(stderr, "usage: kelmsg_file_transfer_bench [--file-size BYTES] [--repeat N]\n");
-      std::exit(2);
-    }
-  }
-  return settings;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Settings settings = Parse(argc, argv);
+  Settings settings;
+  ReadBenchArguments(
+      argc, argv, "kelmsg_file_transfer_bench",
+      {{"--file-size", "BYTES", &settings.fileSize}, {"--repeat", "N", &settings.repeat, 1}});
   const TestBroker broker;
   const TestBroker tlsBroker(TestBroker::Security::kTlsAndPasswords);
   for (const TestBroker* started : {&broker, &tlsBroker}) {

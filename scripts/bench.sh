@@ -8,7 +8,7 @@
 #
 # Arguments go to kelmsg_file_transfer_bench: --file-size BYTES, --repeat N.
 # The stalled-receiver rows push and pull 2 GiB with the receiver stopped
-# 60 s; KELMSG_BENCH_STALL_SECONDS=5 shortens the stop for a quick check.
+# 60 s on the bus's defaults; KELMSG_BENCH_STALL_SECONDS=5 shortens the stop.
 # Not part of the test command.
 set -euo pipefail
 cd "$(dirname "$0")/.."

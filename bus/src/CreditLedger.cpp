@@ -55,6 +55,12 @@ void CreditLedger::AwaitProbe(std::string_view app, Clock::time_point deadline,
   m_changed.wait_until(lock, deadline, [&] { return target.probed || abandon(); });
 }
 
+bool CreditLedger::CountsOn(std::string_view app, std::uint64_t claim) const {
+  std::lock_guard lock(m_mutex);
+  const auto found = m_targets.find(app);
+  return found != m_targets.end() && found->second.claim == claim;
+}
+
 void CreditLedger::RecordArrived(const ProcessRecord& record) {
   {
     std::lock_guard lock(m_mutex);

@@ -66,6 +66,8 @@ class CreditLedger {
   void AwaitProbe(std::string_view app, Clock::time_point deadline,
                   const std::function<bool()>& abandon);
 
+  // Whether the window of `app` counts for its holder of claim `claim`.
+  bool CountsOn(std::string_view app, std::uint64_t claim) const;
   // From the network: a presence, departure or probe record on the presence
   // topic of record.app.
   void RecordArrived(const ProcessRecord& record);

@@ -10,6 +10,7 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -27,6 +28,7 @@
 #include "BusSettings.h"
 #include "BusTopics.h"
 #include "CreditLedger.h"
+#include "DepartureHold.h"
 #include "Diagnostics.h"
 #include "LastError.h"
 #include "MqttLink.h"
@@ -45,6 +47,10 @@ constexpr std::chrono::seconds kConnectLimit{KELBUS_CONNECT_SECONDS};
 constexpr std::chrono::seconds kGuardLimit{2};
 // The same departure record arriving again this soon is the same event.
 constexpr std::chrono::seconds kRepeatedReportWindow{2};
+// How long a departure waits for its holder to come back under the same
+// claim: a broker stopped cleanly publishes every will, and its holders
+// return with it, each after a reconnect delay of up to 4 s.
+constexpr std::chrono::seconds kDepartureConfirmation{6};
 // What a message costs in a credit window beyond its bytes and type.
 constexpr std::size_t kMessageOverhead = 64;
 // Senders whose sequence numbers a holder remembers.
@@ -96,6 +102,8 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // A message for the held application: dropped when delivered before,
   // reported when messages before it never came.
   void Receive(const mosquitto_message& message, const mosquitto_property* properties);
+  // A departure record that DepartureHold let through.
+  void Departed(const ProcessRecord& departure, bool report);
   void Report(const ProcessRecord& departure);
   // The presence record of `app` comes in from now on; waits for the
   // retained one while the connection is up.
@@ -147,6 +155,12 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   std::mutex m_reportsMutex;
   std::array<std::pair<std::uint64_t, Clock::time_point>, 16> m_recentReports{};
   std::size_t m_nextReport = 0;
+
+  // Declared last, as it reports through the members above.  A departure
+  // delay of 0 asks to hear of every departure at once.
+  DepartureHold m_departures{
+      std::min(kDepartureConfirmation, m_settings.departureDelay),
+      [this](const ProcessRecord& departure, bool report) { Departed(departure, report); }};
 };
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
@@ -403,6 +417,7 @@ bool MqttTransport::NameLost() const {
 void MqttTransport::Close() {
   m_closing = true;
   m_targets.Wake();
+  m_departures.Stop();
   std::lock_guard operation(m_operationMutex);
   if (m_closed || !m_link)
     return;
@@ -439,11 +454,24 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
   // A record whose application is not its topic's is a forgery.
   if (!record || m_topics.PresenceTopic(record->app) != topic)
     return;
+  switch (record->kind) {
+    case ProcessRecord::Kind::kDeparted:
+      // Retained records come for a target's presence subscription, and tell
+      // of departures long past unless of the holder counted on: a broker
+      // back from a clean stop still holds the departures it published.
+      if (message.retain && !m_targets.CountsOn(record->app, record->claim)) {
+        m_targets.RecordArrived(*record);
+      } else {
+        m_departures.Departed(*record, m_watching && !message.retain);
+      }
+      return;
+    case ProcessRecord::Kind::kPresent:
+      m_departures.Present(*record);
+      break;
+    case ProcessRecord::Kind::kProbe:
+      break;
+  }
   m_targets.RecordArrived(*record);
-  // Retained records come for a target's presence subscription, and tell of
-  // departures long past.
-  if (m_watching && !message.retain && record->kind == ProcessRecord::Kind::kDeparted)
-    Report(*record);
 }
 
 void MqttTransport::TakeCredit(const void* payload, std::size_t size) {
@@ -556,6 +584,12 @@ void MqttTransport::Receive(const mosquitto_message& message,
   std::free(type);
 }
 
+void MqttTransport::Departed(const ProcessRecord& departure, bool report) {
+  m_targets.RecordArrived(departure);
+  if (report)
+    Report(departure);
+}
+
 void MqttTransport::Report(const ProcessRecord& departure) {
   const auto now = Clock::now();
   {
@@ -577,6 +611,14 @@ void MqttTransport::OnSessionLost() {
 }
 
 void MqttTransport::OnStateChanged() {
+  std::optional<bool> up;  // unknown while the first link opens
+  {
+    std::lock_guard lock(m_linkMutex);
+    if (m_link)
+      up = m_link->CurrentState() == MqttLink::State::kUp;
+  }
+  if (up)
+    m_departures.ConnectionUp(*up);
   m_targets.Wake();
   m_inbox.Wake();
 }

@@ -405,8 +405,10 @@ INSTANTIATE_TEST_SUITE_P(Transports, KelBusBroker, ::testing::Values("mqtt"),
 
 // One process exits normally holding thousands of descriptors, so that the
 // bus's sockets lie above what select() can watch; another is killed while a
-// forked child of it holds copies of its sockets.  Both are reported.
+// forked child of it holds copies of its sockets.  Both are reported, once
+// the watcher has waited a second for them to come back.
 TEST_P(KelBusBroker, ExitingAndKilledProcessesAreReported) {
+  setenv("KELBUS_DEPARTURE_DELAY_SECONDS", "1", 1);
   Member watcher("watcher");
   ASSERT_EQ(CollectMessages(watcher.id), KELBUS_OK);
   ASSERT_EQ(CollectReports(watcher.id), KELBUS_OK);

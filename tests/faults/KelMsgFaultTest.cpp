@@ -1,11 +1,11 @@
 // Faults on purpose, with real processes on a real broker: a sender killed
 // in the middle of a push, the broker killed and restarted under connected
 // processes, pushes and pulls that ride out a stopped receiver, a killed
-// broker and a cut connection, a push into a full file system, a receiver
-// slower than its sender, fifty processes at once, a plain MQTT client
-// (mosquitto_pub) that publishes garbage to an application, asks for more
-// statements than a server keeps, and a message relayed across three
-// processes.
+// broker, a broker stopped cleanly and a cut connection, a push into a full
+// file system, a receiver slower than its sender, fifty processes at once, a
+// plain MQTT client (mosquitto_pub) that publishes garbage to an
+// application, asks for more statements than a server keeps, and a message
+// relayed across three processes.
 //
 // The processes are the kelmsg tool, as users run it, and for the relay,
 // which kelmsg lacks, this test itself.
@@ -125,6 +125,7 @@ enum class Fault {
   kReceiverStopped,  // longer than the keepalive, so that the broker drops it
   kBrokerKilled,     // and started again on its port: what it held may be lost
   kServerCut,        // only the server's connection, for a second
+  kBrokerStopped,    // cleanly (SIGTERM) and started again: it publishes every will
 };
 struct Interruption {
   const char* command;  // push or pull
@@ -135,7 +136,7 @@ class KelMsgInterruptedTransferTest : public KelMsgFaultTest,
                                       public ::testing::WithParamInterface<Interruption> {};
 
 std::string RowName(const ::testing::TestParamInfo<Interruption>& row) {
-  const char* faults[] = {"ReceiverStopped", "BrokerKilled", "ServerCut"};
+  const char* faults[] = {"ReceiverStopped", "BrokerKilled", "ServerCut", "BrokerStopped"};
   return row.param.command + std::string(faults[static_cast<int>(row.param.fault)]);
 }
 
@@ -145,7 +146,9 @@ INSTANTIATE_TEST_SUITE_P(Faults, KelMsgInterruptedTransferTest,
                                            Interruption{"push", Fault::kBrokerKilled},
                                            Interruption{"pull", Fault::kBrokerKilled},
                                            Interruption{"push", Fault::kServerCut},
-                                           Interruption{"pull", Fault::kServerCut}),
+                                           Interruption{"pull", Fault::kServerCut},
+                                           Interruption{"push", Fault::kBrokerStopped},
+                                           Interruption{"pull", Fault::kBrokerStopped}),
                          RowName);
 
 // The shortest keepalive the bus takes, so that a stop of 12 s outlasts the
@@ -188,6 +191,10 @@ TEST_P(KelMsgInterruptedTransferTest, TheFileArrivesWhole) {
       break;
     case Fault::kServerCut:
       relay.Cut(1s);
+      break;
+    case Fault::kBrokerStopped:
+      ASSERT_TRUE(m_broker.Stop(5s)) << m_broker.Log();
+      ASSERT_TRUE(m_broker.Restart()) << m_broker.Error();
       break;
   }
   const std::optional<int> status = client->ExitCode(60s);

@@ -12,6 +12,7 @@
 #ifndef KELMSG_TESTS_SUPPORT_TESTBROKER_H_
 #define KELMSG_TESTS_SUPPORT_TESTBROKER_H_
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -43,6 +44,9 @@ class TestBroker {
 
   // Sends `signal` to the broker (SIGSTOP freezes it, SIGCONT thaws it).
   void Signal(int signal) { m_broker->Signal(signal); }
+  // Stops the broker as its service manager does (SIGTERM) and waits for
+  // it, at most `limit`; true when it exited cleanly in time.
+  bool Stop(std::chrono::milliseconds limit) { return m_broker->Stop(limit); }
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill() { m_broker->Kill(); }
   // Starts it again on the same port; false if that fails.

@@ -162,12 +162,23 @@
 //   takes the name over.  When the process dies or its connection breaks
 //   (noticed within 1.5 keepalive periods of KELBUS_KEEPALIVE_SECONDS on a
 //   silent network), the broker publishes it KELBUS_DEPARTURE_DELAY_SECONDS
-//   (default 30) later, unless the connection is back by then.  The delay
-//   trades the time to notice a death for tolerance of stalls: a process
-//   stopped (SIGSTOP, a debugger, swapping) for less than about 1.5
-//   keepalives plus the delay is not taken for departed; a killed one is
-//   reported only after the delay, and its name stays held (declaring it
-//   with flag 0 fails) until then.  A process that comes back after its
+//   (default 30) later, unless the connection is back by then.
+//   A departure counts only once its holder has stayed away for 6 s (or
+//   the departure delay, when shorter) while the communicator's own
+//   connection was up: a broker stopped cleanly (SIGTERM, a service
+//   restart) publishes the record of every holder as it goes, though the
+//   holders come back with it and republish their presence under the same
+//   claim.  A departure whose holder comes back so is neither reported nor
+//   fails a send.  Every departure, a closed communicator's too, is thus
+//   told that much after it was published; a departure delay of 0 asks for
+//   every departure at once, those of a broker stop included.
+//   The delays trade the time to notice a death for tolerance of stalls: a
+//   process stopped (SIGSTOP, a debugger, swapping) for less than about 1.5
+//   keepalives plus the delay and those 6 s (with the defaults 60 + 30 + 6
+//   s, about a minute and a half) is not taken for departed; a killed one,
+//   whose connection closes at once, is reported after the delay and those
+//   6 s (36 s), and its name stays held (declaring it with flag 0 fails)
+//   until the delay has passed.  A process that comes back after its
 //   departure was published takes its name and session back.  Every
 //   communicator with a disconnect callback receives the record.  A
 //   communicator that never declared an application has no departure
@@ -268,7 +279,9 @@ enum {
   // MQTT keepalive of every connection; the environment variable of the
   // same name may set another number of seconds, from 5 (the least that
   // libmosquitto takes) to 65535, for a communicator registered afterwards.
-  KELBUS_KEEPALIVE_SECONDS = 10
+  // The broker drops a connection silent for 1.5 keepalives (see
+  // DEPARTURES); a communicator notices a silent broker within two.
+  KELBUS_KEEPALIVE_SECONDS = 40
 };
 
 // Writes the buffer of the message being sent: `size` bytes at `buffer`,
