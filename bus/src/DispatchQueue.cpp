@@ -6,8 +6,8 @@
 namespace kelbus {
 namespace {
 
-// Enough for the messages of a few senders in flight at once, and no more
-// memory kept idle than a receive window.
+// Enough for the messages of a few senders in flight at once; at most 4 MiB
+// kept idle, half a receive window.
 constexpr std::size_t kSpareBuffers = 4;
 constexpr std::size_t kLargestSpareBuffer = 1 << 20;
 
