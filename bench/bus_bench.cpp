@@ -5,7 +5,10 @@
 //   - round trip of a small message: KelMsgBBAPI (registry, waiting loop on
 //     the caller's thread) versus a raw publish/subscribe echo at QoS 1;
 //   - throughput of 64 KiB messages from one process to another.
-// All three alternate (round trips in blocks, throughput in back-to-back
+// Raw libmosquitto's round trip over TLS beside its own in the clear shows
+// what TLS costs the broker and the clients whoever drives them, the part of
+// the bus's TLS round trip that the bus cannot save.
+// All of them alternate (round trips in blocks, throughput in back-to-back
 // rounds) so that they see the same machine load; on a shared machine single
 // pairs still vary a lot, so the medians are the figures printed, as rows of
 // the benchmark table (BenchTable.h).
@@ -34,6 +37,7 @@
 #include "ChildProcess.h"
 #include "RawMqttClient.h"
 #include "TestBroker.h"
+#include "TestTlsFiles.h"
 
 namespace {
 
@@ -187,16 +191,28 @@ void Subscribe(RawMqttClient& client, const char* topic) {
     Die(std::string("raw subscription to ") + topic);
 }
 
+// How a raw client reaches `broker`: over TLS with the bus's user when the
+// broker asks for it.
+RawMqttClient::Identity RawIdentity(const TestBroker& broker) {
+  if (!broker.Url("").starts_with("mqtts://"))
+    return {};
+  const TestTlsFiles& files = TestTlsFiles::Get();
+  return {.user = files.user, .password = files.password, .caFile = files.caFile};
+}
+
 // Echoes raw/ping to raw/pong from its network thread; an empty message ends
 // it.
-int RawEcho(int port) {
+int RawEcho(const TestBroker& broker) {
   Signal stop;
   RawMqttClient* echo = nullptr;
-  RawMqttClient client(port, [&](const std::string&, const char* bytes, int size) {
-    echo->Publish("raw/pong", bytes, size);
-    if (size == 0)
-      stop.Raise();
-  });
+  RawMqttClient client(
+      broker.Port(),
+      [&](const std::string&, const char* bytes, int size) {
+        echo->Publish("raw/pong", bytes, size);
+        if (size == 0)
+          stop.Raise();
+      },
+      RawIdentity(broker));
   echo = &client;
   Subscribe(client, "raw/ping");
   stop.Await();
@@ -276,36 +292,42 @@ int main(int argc, char** argv) {
 
   // Round trips: every echo stays up, and blocks of each alternate.  Each
   // bus echo joins the bus whose URL is exported when it is forked.
-  std::vector<double> busTrips, tlsTrips, rawTrips;
+  std::vector<double> busTrips, tlsTrips, rawTrips, rawTlsTrips;
   {
-    const int port = broker.Port();
     tlsBroker.ExportUrl("bench");
     ChildProcess tlsEcho = ChildProcess::Fork(&BusEcho);
     broker.ExportUrl("bench");
     ChildProcess busEcho = ChildProcess::Fork(&BusEcho);
-    ChildProcess rawEcho = ChildProcess::Fork([port] { return RawEcho(port); });
+    ChildProcess rawEcho = ChildProcess::Fork([&] { return RawEcho(broker); });
+    ChildProcess rawTlsEcho = ChildProcess::Fork([&] { return RawEcho(tlsBroker); });
     int answered = -1;
     const auto answer = [&](const KelMsgStringType&, const char*) { answered = 0; };
     const int pinger = JoinBus("pinger", answer);
     tlsBroker.ExportUrl("bench");
     const int tlsPinger = JoinBus("pinger", answer);
     Signal rawAnswered;
-    RawMqttClient rawPinger(port,
-                            [&](const std::string&, const char*, int) { rawAnswered.Raise(); });
+    const auto rawAnswer = [&](const std::string&, const char*, int) { rawAnswered.Raise(); };
+    RawMqttClient rawPinger(broker.Port(), rawAnswer);
+    RawMqttClient rawTlsPinger(tlsBroker.Port(), rawAnswer, RawIdentity(tlsBroker));
     Subscribe(rawPinger, "raw/pong");
+    Subscribe(rawTlsPinger, "raw/pong");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const int perBlock = roundTrips / kBlocksPerRound;
     for (int block = 0; block < rounds * kBlocksPerRound; ++block) {
-      const auto bus = BusRoundTrips(pinger, answered, roundTrips / kBlocksPerRound);
-      const auto raw = RawRoundTrips(rawPinger, rawAnswered, roundTrips / kBlocksPerRound);
-      const auto tls = BusRoundTrips(tlsPinger, answered, roundTrips / kBlocksPerRound);
+      const auto bus = BusRoundTrips(pinger, answered, perBlock);
+      const auto raw = RawRoundTrips(rawPinger, rawAnswered, perBlock);
+      const auto tls = BusRoundTrips(tlsPinger, answered, perBlock);
+      const auto rawTls = RawRoundTrips(rawTlsPinger, rawAnswered, perBlock);
       busTrips.insert(busTrips.end(), bus.begin(), bus.end());
       rawTrips.insert(rawTrips.end(), raw.begin(), raw.end());
       tlsTrips.insert(tlsTrips.end(), tls.begin(), tls.end());
+      rawTlsTrips.insert(rawTlsTrips.end(), rawTls.begin(), rawTls.end());
     }
     SendBytes(pinger, "echo", "");
     SendBytes(tlsPinger, "echo", "");
     rawPinger.Publish("raw/ping", "", 0);
-    for (ChildProcess* echo : {&busEcho, &tlsEcho, &rawEcho})
+    rawTlsPinger.Publish("raw/ping", "", 0);
+    for (ChildProcess* echo : {&busEcho, &tlsEcho, &rawEcho, &rawTlsEcho})
       echo->ExitCode(std::chrono::seconds(10));
     CloseCommunicator(pinger);
     CloseCommunicator(tlsPinger);
@@ -330,6 +352,9 @@ int main(int argc, char** argv) {
   PrintBenchRow({"round trip, 16-byte message over mqtts:// (median)", Median(tlsTrips) * micro,
                  "the bus over mqtt://", Median(busTrips) * micro, BenchUnit::kSeconds,
                  BenchGoal::kAtMost, 1.3});
+  PrintBenchRow({"round trip, 16-byte message over mqtts://, raw libmosquitto (median)",
+                 Median(rawTlsTrips) * micro, "raw libmosquitto over mqtt://",
+                 Median(rawTrips) * micro, BenchUnit::kSeconds});
   PrintBenchRow({"throughput, 64 KiB messages over mqtts:// (median of rounds)",
                  Median(tlsRates) * kBlockBytes, "the bus over mqtt://",
                  Median(busRates) * kBlockBytes, BenchUnit::kBytesPerSecond, BenchGoal::kAtLeast,

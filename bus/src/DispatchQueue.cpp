@@ -4,6 +4,14 @@
 #include <utility>
 
 namespace kelbus {
+namespace {
+
+// Enough for the messages of a few senders in flight at once; at most 4 MiB
+// kept idle, half a receive window.
+constexpr std::size_t kSpareBuffers = 4;
+constexpr std::size_t kLargestSpareBuffer = 1 << 20;
+
+}  // namespace
 
 void DispatchQueue::Push(Delivery delivery) {
   {
@@ -59,12 +67,33 @@ void DispatchQueue::Discard(int communicator) {
                 [communicator](const Delivery& d) { return d.communicator == communicator; });
 }
 
+std::vector<unsigned char> DispatchQueue::SpareBytes() {
+  std::lock_guard lock(m_mutex);
+  if (m_spareBytes.empty())
+    return {};
+  std::vector<unsigned char> spare = std::move(m_spareBytes.back());
+  m_spareBytes.pop_back();
+  return spare;
+}
+
+void DispatchQueue::Recycle(Delivery delivery) {
+  auto* message = std::get_if<ReceivedMessage>(&delivery.content);
+  if (message == nullptr || message->bytes.capacity() == 0 ||
+      message->bytes.capacity() > kLargestSpareBuffer) {
+    return;
+  }
+  std::lock_guard lock(m_mutex);
+  if (m_spareBytes.size() < kSpareBuffers)
+    m_spareBytes.push_back(std::move(message->bytes));
+}
+
 void Inbox::Message(std::string_view type, const void* bytes, std::size_t size, Origin origin,
                     std::optional<std::string> sender) const {
   const auto* first = static_cast<const unsigned char*>(bytes);
-  m_queue->Push(
-      {m_communicator,
-       ReceivedMessage{std::string(type), {first, first + size}, origin, std::move(sender)}});
+  std::vector<unsigned char> copy = m_queue->SpareBytes();
+  copy.assign(first, first + size);
+  m_queue->Push({m_communicator,
+                 ReceivedMessage{std::string(type), std::move(copy), origin, std::move(sender)}});
 }
 
 void Inbox::Departed(Departure departure) const {

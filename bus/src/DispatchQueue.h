@@ -70,11 +70,21 @@ class DispatchQueue {
   // Drops everything queued for `communicator`.
   void Discard(int communicator);
 
+  // Storage for the bytes of a message that arrives, with the room of a
+  // dispatched one when there is one: the network threads fill it and the
+  // waiting threads free it, and the allocator answers a large block freed on
+  // another thread by handing its pages back to the system, to be faulted in
+  // again for the next message.
+  std::vector<unsigned char> SpareBytes();
+  // Keeps the storage of a dispatched message for SpareBytes.
+  void Recycle(Delivery delivery);
+
  private:
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;
   std::deque<Delivery> m_deliveries;
   std::uint64_t m_wakes = 0;
+  std::vector<std::vector<unsigned char>> m_spareBytes;
 };
 
 // What a transport sees of the queue: the entrance for one communicator.

@@ -117,6 +117,7 @@ KelBusResult RunWaitingLoop(int id, int timeout, int* watched) {
     switch (bus.Queue().Pop(id, lost ? Clock::now() : deadline, &wakesSeen, &delivery)) {
       case DispatchQueue::PopResult::kDelivered:
         Dispatch(bus, delivery);
+        bus.Queue().Recycle(std::move(delivery));
         break;
       case DispatchQueue::PopResult::kTimedOut:
         if (lost) {

@@ -352,10 +352,16 @@ int MqttLink::Step(int timeoutMs) {
   const int socket = mosquitto_socket(m_mosq);
   if (socket < 0)
     return MOSQ_ERR_NO_CONN;
+  // From here a sender wakes the thread; what it queued before, the thread
+  // sees now (WriteOrWakeLocked fences likewise).
+  m_networkBusy = false;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
   const short writable = mosquitto_want_write(m_mosq) ? POLLOUT : 0;
   pollfd watched[] = {{socket, static_cast<short>(POLLIN | writable), 0},
                       {m_wakeup.Descriptor(), POLLIN, 0}};
-  if (poll(watched, std::size(watched), timeoutMs) < 0)
+  const int ready = poll(watched, std::size(watched), timeoutMs);
+  m_networkBusy = true;
+  if (ready < 0)
     return errno == EINTR ? MOSQ_ERR_SUCCESS : MOSQ_ERR_ERRNO;
   const bool woken = (watched[1].revents & POLLIN) != 0;
   if (woken)
@@ -478,7 +484,9 @@ void MqttLink::WriteOrWakeLocked() {
       return;
     }
   }
-  m_wakeup.Raise();
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!m_networkBusy)
+    m_wakeup.Raise();
 }
 
 void MqttLink::SetStateLocked(State state) {

@@ -183,10 +183,11 @@ class MqttLink {
   void Connected(int reason, bool sessionPresent);
   void SubscribeLocked(const Subscription& subscription);
   // Writes out what the calling thread has just queued, unless the network
-  // thread is busy with the socket or is the caller: then it wakes it.
-  // Writing at once saves a hand-over between threads on every message.  A
-  // write that fails closes the socket, and the network thread, woken,
-  // finds it closed and restores the connection.
+  // thread is busy with the socket or is the caller: then it is left to
+  // write it, and woken if it may be waiting.  Writing at once saves a
+  // hand-over between threads on every message.  A write that fails closes
+  // the socket, and the network thread finds it closed and restores the
+  // connection.
   void WriteOrWakeLocked();
   enum class Publication { kCounted, kRetained, kControl };
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
@@ -210,8 +211,10 @@ class MqttLink {
 
   mosquitto* m_mosq = nullptr;
   // Raised after queueing packets from other threads, so that the network
-  // thread writes them out.
+  // thread writes them out, unless it is busy: it looks for queued packets
+  // before it waits again, and a wake-up would cost it a round for nothing.
   Wakeup m_wakeup;
+  std::atomic<bool> m_networkBusy{true};  // false from just before its wait
   std::thread m_thread;
   std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_sayingGoodbye{false};
