@@ -45,8 +45,9 @@ class TestBroker {
   void Signal(int signal) { m_broker->Signal(signal); }
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill() { m_broker->Kill(); }
-  // Starts it again on the same port; false if that fails.
-  bool Restart() { return m_broker->Restart(); }
+  // Starts it again on the same port, with what it saved or else empty;
+  // false if that fails.
+  bool Restart(bool withSavedState = true) { return m_broker->Restart(withSavedState); }
 
  private:
   std::unique_ptr<PrivateBroker> Start(int port) const;
