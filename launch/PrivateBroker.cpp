@@ -138,14 +138,22 @@ void PrivateBroker::Kill() {
   m_process.reset();
 }
 
-bool PrivateBroker::Restart() {
+bool PrivateBroker::Restart(bool withSavedState) {
   Kill();
+  if (!withSavedState) {
+    std::error_code ignored;
+    fs::remove(StateDirectory() + "/mosquitto.db", ignored);
+  }
   const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
   // The port may stay busy for a moment after the kill.
   while (!Start() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   return Running();
+}
+
+std::string PrivateBroker::StateDirectory() const {
+  return m_settings.stateDirectory.empty() ? m_directory : m_settings.stateDirectory;
 }
 
 bool PrivateBroker::Start() {
@@ -205,8 +213,6 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
   if (!m_settings.aclFile.empty())
     derived << "acl_file " << m_settings.aclFile << '\n';
   derived << "log_dest stderr\n";
-  const std::string state =
-      m_settings.stateDirectory.empty() ? m_directory : m_settings.stateDirectory;
-  derived << "persistence_location " << state << "/\n";
+  derived << "persistence_location " << StateDirectory() << "/\n";
   return static_cast<bool>(derived);
 }

@@ -75,11 +75,13 @@ class PrivateBroker {
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill();
   // Starts it again on the same port, retrying for up to 5 s while the port
-  // is still held after a kill; false if that fails.
-  bool Restart();
+  // is still held after a kill; false if that fails.  Without
+  // `withSavedState` it starts empty, as a broker without persistence does.
+  bool Restart(bool withSavedState = true);
 
  private:
   bool Start();
+  std::string StateDirectory() const;
   bool WriteConfiguration(const std::string& path) const;
 
   Settings m_settings;

@@ -33,13 +33,48 @@ CreditLedger::Room CreditLedger::WaitForRoom(std::string_view app, std::size_t c
   return room() ? Room::kGo : Room::kAbandoned;
 }
 
-void CreditLedger::Sent(std::string_view app, std::size_t cost) {
+void CreditLedger::Sent(std::string_view app, std::size_t cost, std::string_view topic,
+                        std::string_view type, std::string_view bytes) {
   std::lock_guard lock(m_mutex);
   Target& target = m_targets.find(app)->second;
   ++target.sequence;
-  if (target.claim) {
-    target.outstanding.emplace_back(target.sequence, cost);
-    target.outstandingBytes += cost;
+  if (!target.claim)
+    return;
+  Kept kept;
+  // A spare much larger than the message would hold memory that the window
+  // does not count.
+  if (!m_spare.empty() && m_spare.back().bytes.capacity() <= 2 * bytes.size()) {
+    kept = std::move(m_spare.back());
+    m_spare.pop_back();
+    m_spareBytes -= kept.bytes.capacity();
+  }
+  kept.sequence = target.sequence;
+  kept.cost = cost;
+  kept.topic.assign(topic);
+  kept.type.assign(type);
+  kept.bytes.assign(bytes);
+  target.outstanding.push_back(std::move(kept));
+  target.outstandingBytes += cost;
+}
+
+void CreditLedger::ResendTo(std::uint64_t claim, std::uint64_t after,
+                            const Resender& resend) const {
+  std::lock_guard lock(m_mutex);
+  for (const auto& [app, target] : m_targets) {
+    if (target.claim != claim)
+      continue;
+    for (const Kept& kept : target.outstanding) {
+      if (kept.sequence > after)
+        resend(kept);
+    }
+  }
+}
+
+void CreditLedger::ResendAll(const Resender& resend) const {
+  std::lock_guard lock(m_mutex);
+  for (const auto& [app, target] : m_targets) {
+    for (const Kept& kept : target.outstanding)
+      resend(kept);
   }
 }
 
@@ -95,21 +130,15 @@ void CreditLedger::Credited(std::uint64_t claim, std::uint64_t sequence) {
     for (auto& [app, target] : m_targets) {
       if (target.claim != claim)
         continue;
-      while (!target.outstanding.empty() && target.outstanding.front().first <= sequence) {
-        target.outstandingBytes -= target.outstanding.front().second;
+      while (!target.outstanding.empty() && target.outstanding.front().sequence <= sequence) {
+        Kept& kept = target.outstanding.front();
+        target.outstandingBytes -= kept.cost;
+        if (m_spareBytes + kept.bytes.capacity() <= ReportStep()) {
+          m_spareBytes += kept.bytes.capacity();
+          m_spare.push_back(std::move(kept));
+        }
         target.outstanding.pop_front();
       }
-    }
-  }
-  m_changed.notify_all();
-}
-
-void CreditLedger::ForgetOutstanding() {
-  {
-    std::lock_guard lock(m_mutex);
-    for (auto& [app, target] : m_targets) {
-      target.outstanding.clear();
-      target.outstandingBytes = 0;
     }
   }
   m_changed.notify_all();

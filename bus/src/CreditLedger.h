@@ -13,6 +13,10 @@
 // keeps up reports once a step rather than once a message.  That also lets a
 // message larger than the window go, after less than a step.
 //
+// Until a report covers it, a message is kept (topic, type and bytes), so
+// that it can go again when the broker may have lost it: the window that
+// bounds sending bounds the copies as well.
+//
 // Thread-safe: the sending thread asks and records, the network threads
 // report presence records and credits.
 #ifndef KELBUS_SRC_CREDITLEDGER_H_
@@ -49,13 +53,29 @@ class CreditLedger {
   // The sequence number that the next message to `app` (added) carries.
   std::uint64_t NextSequence(std::string_view app) const;
 
+  // A message sent to the holder counted for, kept until it reports the
+  // message dispatched.
+  struct Kept {
+    std::uint64_t sequence;
+    std::size_t cost;
+    std::string topic, type, bytes;
+  };
+  using Resender = std::function<void(const Kept&)>;
+
   enum class Room { kGo, kGone, kTimedOut, kAbandoned };
   // Waits until a message of `cost` bytes may go to `app`, its holder has
   // left, `deadline` passes or `abandon` (checked on every Wake) holds.
   Room WaitForRoom(std::string_view app, std::size_t cost, Clock::time_point deadline,
                    const std::function<bool()>& abandon);
-  // The message NextSequence numbered went to `app`.
-  void Sent(std::string_view app, std::size_t cost);
+  // The message NextSequence numbered went to `app` on `topic`.
+  void Sent(std::string_view app, std::size_t cost, std::string_view topic, std::string_view type,
+            std::string_view bytes);
+  // Hands `resend` every message kept for the holder of claim `claim` that
+  // follows `after`, in order; under the ledger's lock, so that no report
+  // frees one meanwhile.
+  void ResendTo(std::uint64_t claim, std::uint64_t after, const Resender& resend) const;
+  // The same for every holder, of every message kept.
+  void ResendAll(const Resender& resend) const;
 
   // The probe record of claim `probe` marks where the retained presence
   // record of `app` ends.  Called before the probe is published: it may
@@ -74,8 +94,6 @@ class CreditLedger {
   // From the network: the holder of claim `claim` has dispatched every
   // message of this communicator up to `sequence`.
   void Credited(std::uint64_t claim, std::uint64_t sequence);
-  // Counts nothing outstanding any more, for every target.
-  void ForgetOutstanding();
   // Makes the waits look at `abandon` again.
   void Wake();
 
@@ -89,7 +107,7 @@ class CreditLedger {
     bool probed = false;
     std::optional<std::uint64_t> claim;  // of the holder counted for
     bool departed = false;
-    std::deque<std::pair<std::uint64_t, std::size_t>> outstanding;  // sequence, cost
+    std::deque<Kept> outstanding;
     std::size_t outstandingBytes = 0;
   };
 
@@ -97,6 +115,10 @@ class CreditLedger {
   mutable std::mutex m_mutex;
   std::condition_variable m_changed;
   std::map<std::string, Target, std::less<>> m_targets;
+  // Copies that reports freed, at most a report step of them, whose storage
+  // the next messages reuse: steady sending allocates no copy.
+  std::vector<Kept> m_spare;
+  std::size_t m_spareBytes = 0;
 };
 
 }  // namespace kelbus

@@ -257,10 +257,11 @@ KelBusResult MqttLink::Publish(const std::string& topic, const void* bytes, int 
   return PublishLocked(topic, bytes, size, properties, Publication::kCounted);
 }
 
-void MqttLink::PublishControl(const std::string& topic, const std::string& payload) {
+void MqttLink::PublishControl(const std::string& topic, std::string_view payload,
+                              const mosquitto_property* properties) {
   std::lock_guard lock(m_mutex);
   if (m_state == State::kUp || m_state == State::kDown) {
-    PublishLocked(topic, payload.data(), static_cast<int>(payload.size()), nullptr,
+    PublishLocked(topic, payload.data(), static_cast<int>(payload.size()), properties,
                   Publication::kControl);
   }
 }
@@ -435,7 +436,7 @@ bool MqttLink::StartReconnecting() {
   }
 }
 
-void MqttLink::Connected(int reason, bool sessionPresent) {
+void MqttLink::Connected(int reason) {
   bool restored = false;
   {
     std::lock_guard lock(m_mutex);
@@ -461,8 +462,7 @@ void MqttLink::Connected(int reason, bool sessionPresent) {
   }
   if (restored) {
     Diagnose("KelBus: the connection to " + m_address.Describe() + " is restored");
-    if (m_sessionExpiry && !sessionPresent)
-      m_listener.OnSessionLost();
+    m_listener.OnRestored();
   }
   m_listener.OnStateChanged();
 }
@@ -494,10 +494,8 @@ void MqttLink::SetStateLocked(State state) {
   m_changed.notify_all();
 }
 
-void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int flags,
-                             const mosquitto_property*) {
-  constexpr int kSessionPresent = 1;
-  Self(self).Connected(reason, (flags & kSessionPresent) != 0);
+void MqttLink::HandleConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) {
+  Self(self).Connected(reason);
 }
 
 void MqttLink::HandlePublish(mosquitto*, void* self, int mid, int reason,

@@ -33,6 +33,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -84,11 +85,11 @@ class MqttLink {
                            const mosquitto_property* properties) = 0;
     // The link's state changed.
     virtual void OnStateChanged() = 0;
-    // The connection is back, but the broker no longer had the lasting
-    // session (it was killed, or the session expired): what it queued for
-    // the link and what it took from it undelivered may be gone.  Called
-    // before OnStateChanged.
-    virtual void OnSessionLost() {}
+    // The connection is back after it broke.  What the broker took from
+    // the link and had not delivered yet may be gone: a broker killed loses
+    // what came since it last saved its state, and a session that expired
+    // loses everything.  Called before OnStateChanged.
+    virtual void OnRestored() {}
 
    protected:
     ~Listener() = default;
@@ -136,9 +137,11 @@ class MqttLink {
   // message since the last report of a refusal.
   KelBusResult Publish(const std::string& topic, const void* bytes, int size,
                        const mosquitto_property* properties, Clock::time_point deadline);
-  // Publishes a small message at QoS 1, not retained, at once and outside
-  // the send window, also while the connection is being restored.
-  void PublishControl(const std::string& topic, const std::string& payload);
+  // Publishes at QoS 1, not retained, at once and outside the send window,
+  // also while the connection is being restored: a small message, or one
+  // that goes again.
+  void PublishControl(const std::string& topic, std::string_view payload,
+                      const mosquitto_property* properties = nullptr);
   // Disconnects, ending the session, and stops the thread.  With
   // `withWill` the link publishes its will itself first: the broker would
   // hold it back for the will's delay even though the session ends.
@@ -180,7 +183,7 @@ class MqttLink {
   // Returns once an attempt to reconnect is under way, or false when the
   // link stops or gives up.
   bool StartReconnecting();
-  void Connected(int reason, bool sessionPresent);
+  void Connected(int reason);
   void SubscribeLocked(const Subscription& subscription);
   // Writes out what the calling thread has just queued, unless the network
   // thread is busy with the socket or is the caller: then it is left to

@@ -55,6 +55,29 @@ constexpr std::chrono::seconds kDepartureConfirmation{6};
 constexpr std::size_t kMessageOverhead = 64;
 // Senders whose sequence numbers a holder remembers.
 constexpr std::size_t kRememberedSenders = 4096;
+// How long a holder waits for a sender to fill a gap, by sending again what
+// it kept, before it takes the messages for lost: longer than a sender takes
+// to be back after the broker it was connected to restarted.
+constexpr std::chrono::seconds kGapPatience{20};
+// How often a holder tells one sender again what it dispatched, or asks it
+// again for what is missing.
+constexpr std::chrono::milliseconds kReminderInterval{500};
+// A report on a sender's credit topic: the holder's claim and a sequence
+// number, 8 bytes each, little-endian; a report that asks for the messages
+// after that number carries one more byte.
+constexpr std::size_t kReportFieldBytes = 8;
+constexpr char kSendAgainMark = 1;
+
+std::string HolderReport(std::uint64_t claim, std::uint64_t sequence, bool sendAgain) {
+  std::string report;
+  for (const std::uint64_t value : {claim, sequence}) {
+    for (std::size_t i = 0; i < kReportFieldBytes; ++i)
+      report += static_cast<char>((value >> (8 * i)) & 0xFF);
+  }
+  if (sendAgain)
+    report += kSendAgainMark;
+  return report;
+}
 
 std::string Holder(const ProcessRecord& record) {
   return "process " + std::to_string(record.pid) + " of user " + record.user + " on host " +
@@ -83,7 +106,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // MqttLink::Listener, on the links' threads.
   void OnMessage(const mosquitto_message& message, const mosquitto_property* properties) override;
   void OnStateChanged() override;
-  void OnSessionLost() override;
+  void OnRestored() override;
 
   // Ends the session that the name's former holder left on the broker, so
   // that nothing queued for it reaches this holder, and publishes
@@ -109,9 +132,14 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   // retained one while the connection is up.
   void LearnPresence(std::string_view app);
   void Consumed(const ReceivedMessage& message) override;
-  // A credit from a holder: its claim and the last sequence number it
-  // dispatched, 8 bytes each, little-endian.
+  // Tells `sender` (holding `senderApp`) that this holder dispatched its
+  // messages up to `sequence`, or with `sendAgain` asks for those after it.
+  void ReportTo(const std::optional<std::string>& senderApp, std::uint64_t sender,
+                std::uint64_t sequence, bool sendAgain);
+  // A report from a holder (see HolderReport).
   void TakeCredit(const void* payload, std::size_t size);
+  // Publishes a kept message again, as it first went.
+  void SendAgain(const CreditLedger::Kept& kept);
   // Whether a blocked send should stop waiting.
   bool SendingStops() const;
 
@@ -141,10 +169,12 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   struct Consumption {
     std::size_t queued = 0;      // messages in the dispatch queue
     std::size_t uncredited = 0;  // bytes dispatched since the last report
-    bool afterGap = false;       // messages were lost since the last report
+    // Messages were lost since the last report, or the sender sent again
+    // what it had had reported (the report may have been lost).
+    bool reportAtOnce = false;
   };
   std::mutex m_arrivalsMutex;
-  SequenceTracker m_arrivals{kRememberedSenders};
+  SequenceTracker m_arrivals{kRememberedSenders, kGapPatience, kReminderInterval};
   std::unordered_map<std::uint64_t, Consumption> m_consumption;
 
   // Guards the pointer, which a claim replaces, for NameLost.
@@ -373,7 +403,8 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
   }
   KelBusResult result = m_link->Publish(m_targetTopic, bytes, size, properties.get(), deadline);
   if (result == KELBUS_OK) {
-    m_targets.Sent(target, cost);
+    m_targets.Sent(target, cost, m_targetTopic, type,
+                   {static_cast<const char*>(bytes), static_cast<std::size_t>(size)});
     // The broker's access rules refuse a sender as a whole, so a refusal
     // shows on the first message to a target, and is reported at once.
     if (firstToTarget && m_link->Settle(Clock::now() + kConnectLimit) == KELBUS_ERR_REFUSED)
@@ -472,26 +503,49 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
       break;
   }
   m_targets.RecordArrived(*record);
+  // A holder that connects again publishes its record again: if the broker
+  // lost its session meanwhile, it lost what was kept for it as well, and
+  // the holder, having subscribed first, takes it now.
+  if (!message.retain && record->kind == ProcessRecord::Kind::kPresent)
+    m_targets.ResendTo(record->claim, 0,
+                       [this](const CreditLedger::Kept& kept) { SendAgain(kept); });
 }
 
 void MqttTransport::TakeCredit(const void* payload, std::size_t size) {
-  constexpr std::size_t kFieldBytes = 8;
-  if (size != 2 * kFieldBytes) {
-    // Not a credit: this sender's own presence probe.
+  const auto* bytes = static_cast<const unsigned char*>(payload);
+  const bool credit = size == 2 * kReportFieldBytes;
+  const bool sendAgain = size == 2 * kReportFieldBytes + 1 && bytes[size - 1] == kSendAgainMark;
+  if (!credit && !sendAgain) {
+    // Not a report: this sender's own presence probe.
     if (const auto probe = ProcessRecord::Decode(payload, size);
         probe && probe->kind == ProcessRecord::Kind::kProbe) {
       m_targets.RecordArrived(*probe);
     }
     return;
   }
-  const auto* bytes = static_cast<const unsigned char*>(payload);
   const auto field = [bytes](std::size_t at) {
     std::uint64_t value = 0;
-    for (std::size_t i = kFieldBytes; i > 0; --i)
+    for (std::size_t i = kReportFieldBytes; i > 0; --i)
       value = (value << 8) | bytes[at + i - 1];
     return value;
   };
-  m_targets.Credited(field(0), field(kFieldBytes));
+  const std::uint64_t claim = field(0);
+  const std::uint64_t sequence = field(kReportFieldBytes);
+  if (credit) {
+    m_targets.Credited(claim, sequence);
+    return;
+  }
+  m_targets.ResendTo(claim, sequence, [this](const CreditLedger::Kept& kept) { SendAgain(kept); });
+}
+
+void MqttTransport::SendAgain(const CreditLedger::Kept& kept) {
+  std::string label;
+  SequenceLabel(m_senderId, kept.sequence, &label);
+  Properties properties;
+  if (LabelMessage(kept.type.c_str(), label, &properties) != KELBUS_OK)
+    return;  // labelled once already, so only memory can be short
+  std::lock_guard lock(m_linkMutex);
+  m_link->PublishControl(kept.topic, kept.bytes, properties.get());
 }
 
 void MqttTransport::Consumed(const ReceivedMessage& message) {
@@ -504,10 +558,11 @@ void MqttTransport::Consumed(const ReceivedMessage& message) {
     --consumption.queued;
     consumption.uncredited += message.bytes.size() + message.type.size() + kMessageOverhead;
     // Reported a step at a time (see CreditLedger); at once after a gap, as
-    // only a report takes the lost messages off the sender's window; and
-    // when too many senders are remembered, so as to forget this one.
+    // only a report takes the lost messages off the sender's window, and
+    // after a message sent again, as the report before may have been lost;
+    // and when too many senders are remembered, so as to forget this one.
     const bool crowded = consumption.queued == 0 && m_consumption.size() > kRememberedSenders;
-    if (consumption.uncredited < m_targets.ReportStep() && !consumption.afterGap && !crowded)
+    if (consumption.uncredited < m_targets.ReportStep() && !consumption.reportAtOnce && !crowded)
       return;
     if (consumption.queued == 0) {
       m_consumption.erase(sender);
@@ -515,14 +570,14 @@ void MqttTransport::Consumed(const ReceivedMessage& message) {
       consumption = {.queued = consumption.queued};
     }
   }
-  std::string credit;
-  for (const std::uint64_t value : {m_claim, message.origin.sequence}) {
-    for (int i = 0; i < 8; ++i)
-      credit += static_cast<char>((value >> (8 * i)) & 0xFF);
-  }
+  ReportTo(message.sender, sender, message.origin.sequence, false);
+}
+
+void MqttTransport::ReportTo(const std::optional<std::string>& senderApp, std::uint64_t sender,
+                             std::uint64_t sequence, bool sendAgain) {
+  const std::string report = HolderReport(m_claim, sequence, sendAgain);
   std::lock_guard lock(m_linkMutex);
-  m_link->PublishControl(m_topics.CreditTopic(message.sender.value_or(""), SenderTag(sender)),
-                         credit);
+  m_link->PublishControl(m_topics.CreditTopic(senderApp.value_or(""), SenderTag(sender)), report);
 }
 
 void MqttTransport::Receive(const mosquitto_message& message,
@@ -564,12 +619,28 @@ void MqttTransport::Receive(const mosquitto_message& message,
   }
   if (numbered) {
     std::unique_lock lock(m_arrivalsMutex);
-    const SequenceTracker::Verdict verdict = m_arrivals.Arrived(numbered->first, numbered->second);
-    if (!verdict.deliver)
+    const SequenceTracker::Verdict verdict =
+        m_arrivals.Arrived(numbered->first, numbered->second, Clock::now());
+    if (verdict.kind != SequenceTracker::Kind::kNext) {
+      // A repeat while messages before it wait to be dispatched: the report
+      // after them goes at once.  Otherwise the sender hears, now and then,
+      // what was dispatched, or is asked for what follows.
+      const auto waiting = m_consumption.find(numbered->first);
+      if (verdict.kind == SequenceTracker::Kind::kRepeat && waiting != m_consumption.end() &&
+          waiting->second.queued > 0) {
+        waiting->second.reportAtOnce = true;
+        return;
+      }
+      lock.unlock();
+      if (verdict.remind) {
+        ReportTo(from, numbered->first, verdict.last,
+                 verdict.kind == SequenceTracker::Kind::kAhead);
+      }
       return;
+    }
     Consumption& consumption = m_consumption[numbered->first];
     ++consumption.queued;
-    consumption.afterGap = consumption.afterGap || verdict.lost > 0;
+    consumption.reportAtOnce = consumption.reportAtOnce || verdict.lost > 0;
     lock.unlock();
     if (verdict.lost > 0) {
       Diagnose("KelBus: " + std::to_string(verdict.lost) + " message(s) from sender " +
@@ -604,10 +675,12 @@ void MqttTransport::Report(const ProcessRecord& departure) {
 }
 
 // What the holders had not reported dispatched may have died with the
-// broker, and their reports with it: counted on, it would hold every send
-// until the send time-out.  A holder reports what never came as a gap.
-void MqttTransport::OnSessionLost() {
-  m_targets.ForgetOutstanding();
+// broker, and their reports with it.  Sent again, it reaches the holders
+// whose sessions live; a holder whose session died too publishes its
+// presence record again once it has subscribed (see OnMessage).  Holders
+// drop what they had already, and report again.
+void MqttTransport::OnRestored() {
+  m_targets.ResendAll([this](const CreditLedger::Kept& kept) { SendAgain(kept); });
 }
 
 void MqttTransport::OnStateChanged() {

@@ -46,7 +46,8 @@ bool ParseSequenceLabel(std::string_view label, std::uint64_t* sender, std::uint
   return number.ec == std::errc() && number.ptr == end;
 }
 
-SequenceTracker::Verdict SequenceTracker::Arrived(std::uint64_t sender, std::uint64_t sequence) {
+SequenceTracker::Verdict SequenceTracker::Arrived(std::uint64_t sender, std::uint64_t sequence,
+                                                  Clock::time_point now) {
   const auto known = m_senders.find(sender);
   if (known == m_senders.end()) {
     if (m_senders.size() == m_capacity) {
@@ -54,16 +55,30 @@ SequenceTracker::Verdict SequenceTracker::Arrived(std::uint64_t sender, std::uin
       m_byAge.pop_back();
     }
     m_byAge.push_front(sender);
-    m_senders.emplace(sender, Entry{sequence, m_byAge.begin()});
-    return {true, 0};
+    m_senders.emplace(sender, Entry{sequence, m_byAge.begin(), {}, {}, {}});
+    return {Kind::kNext, 0, sequence, false};
   }
   Entry& entry = known->second;
   m_byAge.splice(m_byAge.begin(), m_byAge, entry.age);
   if (sequence <= entry.last)
-    return {false, 0};
+    return {Kind::kRepeat, 0, entry.last, MayRemind(&entry.repeatRemindedAt, now)};
+  if (sequence > entry.last + 1) {
+    if (!entry.gapSince)
+      entry.gapSince = now;
+    if (now - *entry.gapSince < m_patience)
+      return {Kind::kAhead, 0, entry.last, MayRemind(&entry.aheadRemindedAt, now)};
+  }
   const std::uint64_t lost = sequence - entry.last - 1;
   entry.last = sequence;
-  return {true, lost};
+  entry.gapSince.reset();
+  return {Kind::kNext, lost, sequence, false};
+}
+
+bool SequenceTracker::MayRemind(Clock::time_point* given, Clock::time_point now) const {
+  if (now - *given < m_reminderInterval)
+    return false;
+  *given = now;
+  return true;
 }
 
 }  // namespace kelbus

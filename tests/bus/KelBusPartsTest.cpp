@@ -22,6 +22,8 @@
 namespace kelbus {
 namespace {
 
+using namespace std::chrono_literals;
+
 // Each URL, how it is described (everything but the password) and the
 // password; nothing where the URL is refused, whose refusal shows no password.
 TEST(KelBusUrl, WellFormedUrlsGiveEveryPartAndOthersAreRefused) {
@@ -210,14 +212,13 @@ TEST(KelBusCreditLedger, AReportFreesWhatCameBeforeItLostOrNot) {
          ledger.RecordArrived(record(ProcessRecord::Kind::kDeparted, 7));
        },
        Room::kGone},
-      {[](CreditLedger& ledger) { ledger.ForgetOutstanding(); }, Room::kGo},
   };
   for (std::size_t i = 0; i < std::size(rows); ++i) {
     CreditLedger ledger(kWindow);
     ledger.Add("app");
     ledger.RecordArrived(record(ProcessRecord::Kind::kPresent, 7));
     for (int message = 0; message < 4; ++message)
-      ledger.Sent("app", 1000);
+      ledger.Sent("app", 1000, "topic", "T", "");
     rows[i].first(ledger);
     const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
     EXPECT_EQ(ledger.WaitForRoom("app", kWindow, soon, [] { return false; }), rows[i].second)
@@ -225,16 +226,76 @@ TEST(KelBusCreditLedger, AReportFreesWhatCameBeforeItLostOrNot) {
   }
 }
 
+// What a sender keeps goes again in order, to the holder it was sent to,
+// until a report frees it.
+TEST(KelBusCreditLedger, KeepsWhatTheHolderHasNotReportedForSendingAgain) {
+  CreditLedger ledger(4000);
+  ledger.Add("app");
+  ProcessRecord holder;
+  holder.kind = ProcessRecord::Kind::kPresent;
+  holder.claim = 7;
+  holder.app = "app";
+  ledger.Sent("app", 100, "lost", "T", "0");  // before anybody held it: not kept
+  ledger.RecordArrived(holder);
+  for (const char* bytes : {"1", "2", "3"})
+    ledger.Sent("app", 100, "topic", "T", bytes);
+  const auto again = [&](auto resend) {
+    std::string sent;
+    resend([&](const CreditLedger::Kept& kept) {
+      sent += kept.topic + "/" + kept.type + "/" + kept.bytes + std::to_string(kept.sequence) + " ";
+    });
+    return sent;
+  };
+  using Resender = const CreditLedger::Resender&;
+  EXPECT_EQ(again([&](Resender r) { ledger.ResendAll(r); }), "topic/T/12 topic/T/23 topic/T/34 ");
+  EXPECT_EQ(again([&](Resender r) { ledger.ResendTo(7, 2, r); }), "topic/T/23 topic/T/34 ");
+  EXPECT_EQ(again([&](Resender r) { ledger.ResendTo(8, 0, r); }), "");
+  ledger.Credited(7, 3);
+  EXPECT_EQ(again([&](Resender r) { ledger.ResendTo(7, 0, r); }), "topic/T/34 ");
+}
+
 // A holder's memory of its senders is bounded: the least recent is
 // forgotten, and then taken for new.
 TEST(KelBusSequenceTracker, ForgetsTheLeastRecentSenderWhenFull) {
-  SequenceTracker tracker(2);
-  tracker.Arrived(1, 5);
-  tracker.Arrived(2, 5);
-  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);  // a repeat; 1 is now the most recent
-  tracker.Arrived(3, 5);                        // 2 goes
-  EXPECT_FALSE(tracker.Arrived(1, 5).deliver);
-  EXPECT_TRUE(tracker.Arrived(2, 5).deliver);
+  using Kind = SequenceTracker::Kind;
+  const auto now = SequenceTracker::Clock::now();
+  SequenceTracker tracker(2, 1s, 1s);
+  tracker.Arrived(1, 5, now);
+  tracker.Arrived(2, 5, now);
+  EXPECT_EQ(tracker.Arrived(1, 5, now).kind, Kind::kRepeat);  // 1 is now the most recent
+  tracker.Arrived(3, 5, now);                                 // 2 goes
+  EXPECT_EQ(tracker.Arrived(1, 5, now).kind, Kind::kRepeat);
+  EXPECT_EQ(tracker.Arrived(2, 9, now).kind, Kind::kNext);
+}
+
+// Sender 1's messages from 5 on, as they arrive (sequence, seconds after
+// the first): what the holder does with each.  A gap holds what follows back
+// until the patience (10 s) runs out; the sender is reminded at most once a
+// second of each kind.
+TEST(KelBusSequenceTracker, HoldsMessagesAfterAGapBackUntilPatienceRunsOut) {
+  using Kind = SequenceTracker::Kind;
+  struct Row {
+    std::uint64_t sequence;
+    int second;
+    SequenceTracker::Verdict verdict;
+  };
+  const Row rows[] = {
+      {5, 0, {Kind::kNext, 0, 5, false}},   {5, 0, {Kind::kRepeat, 0, 5, true}},
+      {4, 0, {Kind::kRepeat, 0, 5, false}}, {8, 0, {Kind::kAhead, 0, 5, true}},
+      {9, 0, {Kind::kAhead, 0, 5, false}},  {5, 0, {Kind::kRepeat, 0, 5, false}},
+      {9, 1, {Kind::kAhead, 0, 5, true}},   {6, 2, {Kind::kNext, 0, 6, false}},
+      {8, 3, {Kind::kAhead, 0, 6, true}},   {8, 12, {Kind::kAhead, 0, 6, true}},
+      {9, 13, {Kind::kNext, 2, 9, false}},  {10, 30, {Kind::kNext, 0, 10, false}},
+  };
+  const auto start = SequenceTracker::Clock::now();
+  SequenceTracker tracker(4, 10s, 1s);
+  for (const Row& row : rows) {
+    const auto verdict = tracker.Arrived(1, row.sequence, start + std::chrono::seconds(row.second));
+    EXPECT_EQ(verdict.kind, row.verdict.kind) << row.sequence << " at " << row.second;
+    EXPECT_EQ(verdict.lost, row.verdict.lost) << row.sequence << " at " << row.second;
+    EXPECT_EQ(verdict.last, row.verdict.last) << row.sequence << " at " << row.second;
+    EXPECT_EQ(verdict.remind, row.verdict.remind) << row.sequence << " at " << row.second;
+  }
 }
 
 }  // namespace

@@ -49,8 +49,9 @@ class TestBroker {
   bool Stop(std::chrono::milliseconds limit) { return m_broker->Stop(limit); }
   // Kills the broker (SIGKILL), as if it crashed.
   void Kill() { m_broker->Kill(); }
-  // Starts it again on the same port; false if that fails.
-  bool Restart() { return m_broker->Restart(); }
+  // Starts it again on the same port, with what it saved or else empty;
+  // false if that fails.
+  bool Restart(bool withSavedState = true) { return m_broker->Restart(withSavedState); }
 
  private:
   std::unique_ptr<PrivateBroker> Start(int port) const;

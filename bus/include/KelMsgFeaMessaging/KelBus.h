@@ -80,9 +80,10 @@
 //   What the rules cannot prevent: another user may connect under a
 //   holder's client identifier, which disconnects the holder.  The broker
 //   checks read access on every delivery, so the intruder receives nothing
-//   of the holder's, and messages that arrive meanwhile are lost (the
-//   holder reports the gap); the holder finds its presence record
-//   unchanged and connects again, so it keeps its name.
+//   of the holder's, and messages that arrive meanwhile are dropped (their
+//   senders send them again once the holder is back, see DELIVERY); the
+//   holder finds its presence record unchanged and connects again, so it
+//   keeps its name.
 //   The registry (KelMsgBBCallbackManager) compares the identifier in each
 //   message's envelope with the sender and refuses, in one report line
 //   naming both, a message that claims another application.
@@ -101,19 +102,27 @@
 //
 // DELIVERY
 //   - Messages from one communicator to one application arrive exactly once
-//     and in the order sent, as long as the holder's session lives on the
-//     broker: broken connections, a stalled receiver and a broker restart
-//     with persistence (config/kelbus-mosquitto.conf) lose nothing.  Every
-//     message carries its sender's random identifier and a sequence number
-//     per target in an MQTT user property ("kelbus-seq"); the holder drops
-//     a message delivered again, and reports one that never came in a
-//     diagnostic line naming sender, application and count.  Messages from
-//     plain MQTT clients, without the property, are delivered as they come.
-//   - A broker killed loses what it held since it last saved its state.
-//     The holder reports the messages lost as a gap with the next one that
-//     comes; their senders, whose sessions died too, stop counting what
-//     they had sent on their receive windows, so that none waits for
-//     reports of messages that will never be dispatched.
+//     and in the order sent, as long as the sender and the holder live:
+//     broken connections, a stalled receiver, and a broker killed and
+//     restarted, with persistence (config/kelbus-mosquitto.conf) or
+//     without, lose nothing.  Every message carries its sender's random
+//     identifier and a sequence number per target in an MQTT user property
+//     ("kelbus-seq").  The holder drops a message delivered again, and holds
+//     one back (drops it) that comes after a gap.  The sender keeps every
+//     message that the holder has not reported dispatched (see MEMORY AND
+//     FLOW CONTROL) and sends all of them again, in order: when its own
+//     connection comes back; when the holder's does (the holder renews its
+//     subscriptions, then publishes its presence record again); and when
+//     the holder, holding a message back, asks for what follows the last
+//     one it took.  A holder that receives a message again reports again
+//     what it dispatched, since the broker may have lost its reports.
+//   - What is still lost: the messages of a sender that dies (or closes its
+//     communicator) before they reached the holder's session on the broker,
+//     or that a killed broker lost with it.  The holder reports them in a
+//     diagnostic line naming sender, application and count, once a later
+//     message of that sender has waited 20 s for the gap to fill.  Messages
+//     from plain MQTT clients, without the property, are delivered as they
+//     come.
 //   - A message to an application that no process ever held is dropped by
 //     the broker (SendRequest returns KELBUS_OK).  A message to one whose
 //     holder left fails with KELBUS_ERR_GONE, until somebody holds it again.
@@ -140,6 +149,9 @@
 //     the receive window.  So the sender, the broker and the receiver hold
 //     a bounded amount however large the traffic and however long the
 //     receiver stalls.
+//   - Until the holder reports a message dispatched, its sender keeps a
+//     copy of it: at most the receive window per holder (and one larger
+//     message).
 //   - The receive window counts per holder: a new holder of the name starts
 //     afresh, and a name nobody holds counts nothing.  A sender learns who
 //     holds a target on its first send to it (one round trip to the broker).
@@ -191,7 +203,9 @@
 //   A lost connection is restored in the background, retried with growing
 //   delays of up to a few seconds.  While it is down, SendRequest goes on
 //   taking messages into the send window (and blocks when it is full); they
-//   go out once the connection is back.  WaitingLoop goes on waiting.  A
+//   go out once the connection is back, and with them, again, every message
+//   that the holders have not reported dispatched (see DELIVERY).
+//   WaitingLoop goes on waiting.  A
 //   communicator that held an application first checks that nobody took its
 //   name over meanwhile; if somebody did, it gives the name up for good
 //   (KELBUS_ERR_NAME_LOST) instead of taking it back.
