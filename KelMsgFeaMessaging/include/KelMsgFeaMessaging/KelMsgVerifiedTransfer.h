@@ -36,8 +36,10 @@
 // send that a peer requested and that failed, is reported in one line on
 // the report stream given at construction (nothing when null).  Push and
 // Pull return true when verified and leave one line in Report() either way.
-// While a Pull waits, transfer messages and receipts from any application
-// but the one asked are refused, each reported in one line on that stream.
+// While a Pull or a waiting Push waits, transfer messages and receipts from
+// any application but its peer (the one asked, the one pushed to) are
+// refused, each reported in one line on that stream: nobody else can
+// answer for the peer, keep the wait alive or slip a file in meanwhile.
 // A process that wants a file-size limit reported as "File too large" rather
 // than dying of it ignores SIGXFSZ.
 //
