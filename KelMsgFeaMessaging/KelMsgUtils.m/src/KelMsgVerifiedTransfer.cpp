@@ -144,7 +144,6 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   bool Pull(const char* source, const char* sourceBaseDir, const char* sourceJobDir,
             const char* sourceFileName, const char* targetBaseDir, const char* targetJobDir,
             const char* targetFileName);
-  void CloseIdle();
   KelMsgFileTransfer& Engine() { return m_engine; }
 
   int m_patienceSeconds = 0;
@@ -191,6 +190,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   void TransferAbandoned(const char* source) override;
   void ReceiveFileIdle(const char* source, int seconds) override;
   void ReceiveFileClosed(const char* source) override;
+  void IdleFilesClosed() override;
 
   void OnFileTransfer(const KelMsgFileTransferType& msg, const char* id);
   void OnReceipt(const KelMsgTransferReceiptType& msg, const char* id);
@@ -610,8 +610,7 @@ bool KelMsgVerifiedTransfer::Parts::Pull(const char* source, const char* sourceB
   return m_pullVerified;
 }
 
-void KelMsgVerifiedTransfer::Parts::CloseIdle() {
-  m_engine.CloseIdleFiles();
+void KelMsgVerifiedTransfer::Parts::IdleFilesClosed() {
   std::vector<std::string> closed;
   for (const auto& [source, inbound] : m_inbound) {
     if (inbound.closed)
@@ -669,7 +668,7 @@ void KelMsgVerifiedTransfer::SetReceiveLimits(int maxOpenFiles, int idleSeconds)
 }
 
 void KelMsgVerifiedTransfer::CloseIdleTransfers() {
-  m_parts->CloseIdle();
+  m_parts->Engine().CloseIdleFiles();
 }
 
 const KelString& KelMsgVerifiedTransfer::Report() const {

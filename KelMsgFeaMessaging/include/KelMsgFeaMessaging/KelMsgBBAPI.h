@@ -1,7 +1,9 @@
 // KelMsgBBAPI: the one place where the library calls the message bus.
 //
 // Every operation is a pass-through that returns the bus's result unchanged
-// (0 for success; see KelBus.h for the codes).  SendRequest first lends the
+// (0 for success; see KelBus.h for the codes).  The waiting loops also run
+// the library's own chores while they wait (closing received files left
+// idle): they wake up when one is due, with no message needed.  SendRequest first lends the
 // message to the registry as its pending message; the bus streams it before
 // returning, so the caller may destroy the message right afterwards.
 #ifndef KELMSGFEAMESSAGING_KELMSGBBAPI_H_

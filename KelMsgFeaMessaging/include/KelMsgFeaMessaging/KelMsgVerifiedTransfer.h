@@ -84,8 +84,10 @@ class KelMsgVerifiedTransfer {
   int ConfineTo(const char* directory);
   void SetReceiveLimits(int maxOpenFiles, int idleSeconds);
   // Closes the received transfers left idle beyond the limit: each is
-  // reported as failed and its NAME.partial removed.  A serving program
-  // calls it from its loop now and then.
+  // reported as failed and its NAME.partial removed.  Once SetReceiveLimits
+  // has set an idle time, the library's waiting loops (KelMsgBBAPI,
+  // KelMsgBBApplication::Wait) do it on their own when a transfer falls
+  // idle; a program that waits in KelBus.h's loops instead calls it.
   void CloseIdleTransfers();
   // Hands the size of every chunk this side reads from a file it sends, or
   // writes to a file it receives, to `listener` (empty: nobody), on the
