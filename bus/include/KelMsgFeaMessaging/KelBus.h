@@ -314,7 +314,9 @@ int RegisterCommunicator(const char* name, int* communicatorId);
 // `flag` says what happens when a live process already holds the name:
 //   0  refuse, with KELBUS_ERR_NAME_HELD; the communicator stays as it was.
 //   1  take the name over: the holder is disconnected, its departure record
-//      is published and it gets KELBUS_ERR_NAME_LOST from then on.
+//      is published and it gets KELBUS_ERR_NAME_LOST from then on.  On a
+//      bus with credentials only a holder under the same credentials is
+//      disconnected (see IDENTITY).
 // A name whose holder died or closed is free with either flag.  Two
 // processes that declare one name at the same moment both succeed, and the
 // one that connected first loses the name within a second (the broker never
