@@ -204,8 +204,12 @@ int KelMsgFileTransfer::CloseIdleFiles() {
       close(descriptor);
     ForgetReceived(source.c_str());
   }
-  if (!idle.empty())
-    m_observer->IdleFilesClosed();
+  if (idle.empty())
+    return 0;
+  // A received file's end, as a completion is: a ReceiveFile whose holder
+  // fell silent returns instead of waiting for ever.
+  m_endingCondition = 0;
+  m_observer->IdleFilesClosed();
   return static_cast<int>(idle.size());
 }
 

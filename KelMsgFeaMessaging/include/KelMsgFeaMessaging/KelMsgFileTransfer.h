@@ -102,7 +102,8 @@ class KelMsgFileTransfer {
   int SetReceiveLimits(int maxOpenFiles, int idleSeconds);
   // Closes and forgets every received file that no announcement or chunk
   // has reached for the idle time, traced at level 1 and told to the
-  // observer; returns how many.
+  // observer; returns how many.  Closing ends the wait of SendFile and
+  // ReceiveFile as a completion does.
   int CloseIdleFiles();
   // Renames a received file within its directory, or removes one, beneath
   // the confinement's roots when there are any.  Return 0 or the errno.
