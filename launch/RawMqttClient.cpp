@@ -24,8 +24,8 @@ RawMqttClient::RawMqttClient(int port, OnMessage onMessage)
 RawMqttClient::RawMqttClient(int port, OnMessage onMessage, const Identity& identity)
     : m_onMessage(std::move(onMessage)) {
   static Library library;
-  m_client =
-      mosquitto_new(identity.clientId.empty() ? nullptr : identity.clientId.c_str(), true, this);
+  m_client = mosquitto_new(identity.clientId.empty() ? nullptr : identity.clientId.c_str(),
+                           !identity.resumeSession, this);
   if (m_client == nullptr)
     return;
   if (!identity.user.empty())

@@ -33,7 +33,8 @@ class RawMqttClient {
   // identifier of the library's choice, in the clear.
   struct Identity {
     std::string clientId{}, user{}, password{};
-    std::string caFile{};  // when set, TLS with the broker's certificate checked against it
+    std::string caFile{};        // when set, TLS with the broker's certificate checked against it
+    bool resumeSession = false;  // takes over what the broker keeps for `clientId`
   };
 
   // Connects to the broker on the loopback port `port`; Connected() tells

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 namespace kelbus {
 namespace {
@@ -84,6 +85,16 @@ bool AddCredentialsFromEnvironment(BusAddress* address, std::string* why) {
   if (!passwordFile.empty() && !ReadPassword(passwordFile, address, why))
     return false;
   return ReadTlsFiles(address, why);
+}
+
+std::string HolderSecret(const BusAddress& address) {
+  std::string secret = address.password;
+  if (!address.tls.keyFile.empty()) {
+    std::ifstream key(address.tls.keyFile, std::ios::binary);
+    secret += '\0';
+    secret.append(std::istreambuf_iterator<char>(key), std::istreambuf_iterator<char>());
+  }
+  return secret;
 }
 
 }  // namespace kelbus

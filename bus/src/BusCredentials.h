@@ -18,6 +18,10 @@ namespace kelbus {
 // which never holds the password, in `*why`.
 bool AddCredentialsFromEnvironment(BusAddress* address, std::string* why);
 
+// What only the users who present the same credentials know: the password
+// and the bytes of the client's key, "" when `address` has neither.
+std::string HolderSecret(const BusAddress& address);
+
 }  // namespace kelbus
 
 #endif  // KELBUS_SRC_BUSCREDENTIALS_H_

@@ -1,5 +1,10 @@
 #include "BusTopics.h"
 
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <utility>
+
 namespace kelbus {
 namespace {
 
@@ -53,10 +58,11 @@ void AppendEscapedLevel(std::string_view name, std::string* out) {
   }
 }
 
-BusTopics::BusTopics(std::string nameSpace)
+BusTopics::BusTopics(std::string nameSpace, std::string holderSecret)
     : m_messagePrefix(nameSpace + "/a/"),
       m_presencePrefix(nameSpace + "/p/"),
-      m_communicatorPrefix(nameSpace + "/c/") {}
+      m_communicatorPrefix(nameSpace + "/c/"),
+      m_holderSecret(std::move(holderSecret)) {}
 
 void BusTopics::MessageTopic(std::string_view app, std::string_view from, std::string* out) const {
   out->assign(m_messagePrefix);
@@ -95,6 +101,19 @@ std::string BusTopics::CreditTopic(std::string_view from, std::string_view sende
 std::string BusTopics::HolderClientId(std::string_view app) const {
   std::string id;
   MessageTopic(app, {}, &id);
+  if (m_holderSecret.empty())
+    return id;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  HMAC(EVP_sha256(), m_holderSecret.data(), static_cast<int>(m_holderSecret.size()),
+       reinterpret_cast<const unsigned char*>(id.data()), id.size(), digest, &length);
+  // 128 bits are beyond guessing, and keep the identifier short.
+  static constexpr char kHex[] = "0123456789abcdef";
+  id += '/';
+  for (unsigned int i = 0; i < length / 2; ++i) {
+    id += kHex[digest[i] >> 4];
+    id += kHex[digest[i] & 0x0F];
+  }
   return id;
 }
 

@@ -12,7 +12,11 @@
 // <app> and <from> are application names percent-encoded into one topic
 // level.  A broker's access rules grant the levels per identity.  The client
 // identifier of an application's holder is <ns>/a/<app>, so the broker
-// admits one live holder per name.
+// admits one live holder per name.  On a bus with credentials it is
+// <ns>/a/<app>/<tag>, the tag a keyed hash of the rest under the secrets
+// that the holder presents (password, client key): the rules cannot tie a
+// client identifier to a user, so only the name's holders with those
+// secrets can work out the identifier and displace the holder.
 #ifndef KELBUS_SRC_BUSTOPICS_H_
 #define KELBUS_SRC_BUSTOPICS_H_
 
@@ -31,7 +35,9 @@ std::optional<std::string> UnescapeLevel(std::string_view level);
 
 class BusTopics {
  public:
-  explicit BusTopics(std::string nameSpace);
+  // `holderSecret` (empty on a bus without credentials) keys the client
+  // identifiers of holders.
+  explicit BusTopics(std::string nameSpace, std::string holderSecret = {});
 
   // The topic of messages to `app` from the holder of `from` (empty: from a
   // communicator that holds none) into `*out`, reusing its storage.
@@ -61,6 +67,7 @@ class BusTopics {
   std::string m_messagePrefix;
   std::string m_presencePrefix;
   std::string m_communicatorPrefix;
+  std::string m_holderSecret;
 };
 
 }  // namespace kelbus

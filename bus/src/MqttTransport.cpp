@@ -25,6 +25,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "BusCredentials.h"
 #include "BusSettings.h"
 #include "BusTopics.h"
 #include "CreditLedger.h"
@@ -195,7 +196,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
     : m_address(address),
-      m_topics(address.nameSpace),
+      m_topics(address.nameSpace, HolderSecret(address)),
       m_inbox(inbox),
       m_process(ThisProcess()),
       m_settings(BusSettingsFromEnvironment()) {}

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -150,6 +151,13 @@ TEST(KelBusTopics, AnyApplicationNameBecomesOneSafeLevel) {
   }
   EXPECT_EQ(topics.PresenceTopic("a/b"), "suite/p/a%2Fb");
   EXPECT_EQ(topics.HolderClientId("solver"), "suite/a/solver");
+  // Keyed by the holder's secret: the same secret gives the same identifier.
+  const std::string keyed = BusTopics("suite", "pw").HolderClientId("solver");
+  EXPECT_EQ(keyed.size(), std::string_view("suite/a/solver/").size() + 32) << keyed;
+  EXPECT_TRUE(keyed.starts_with("suite/a/solver/")) << keyed;
+  EXPECT_EQ(BusTopics("suite", "pw").HolderClientId("solver"), keyed);
+  EXPECT_NE(BusTopics("suite", "px").HolderClientId("solver"), keyed);
+  EXPECT_NE(BusTopics("suite", "pw").HolderClientId("solves"), keyed);
   EXPECT_EQ(topics.CommunicatorClientId("my tool", "node7", 42, 3, "ab"),
             "suite/c/node7/42/3/ab/my%20tool");
 }

@@ -11,14 +11,17 @@
 #include <KelMsgFeaMessaging/KelMsgStringType.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "BusTopics.h"
 #include "FatalErrorCapture.h"
 #include "PeerController.h"
 #include "ProcessRecord.h"
@@ -37,6 +40,18 @@ struct DepartureNotes : KelMsgBBDisconnectHandler {
   }
   mutable std::vector<std::string> apps;
 };
+
+std::atomic<int> lostConnections{0};
+
+void CountLostConnections(const char* line) {
+  if (std::string_view(line).find("lost the connection") != std::string_view::npos)
+    ++lostConnections;
+}
+
+// Lost connections the bus reported since the last call.
+int LostConnections() {
+  return lostConnections.exchange(0);
+}
 
 std::string FirstLine(const std::string& path) {
   std::string line;
@@ -109,6 +124,7 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
   };
   joinAs("solver");
   FatalErrorCapture reports;
+  KelBusSetDiagnosticSink(CountLostConnections);
   PeerController solver("solver");
   ASSERT_TRUE(solver.Bus().Joined()) << KelBusLastError();
   DepartureNotes departures;  // heard while the solver waits
@@ -154,6 +170,25 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
                               .caFile = eve.caFile});
          return thief.PublishAccepted("kelbus/p/solver", forged.Encode(), "", true);
        }},
+      // The broker lets a client identifier displace whoever uses it; eve
+      // can work out the name's own and the one her password would give.
+      {"the holder's client identifiers that eve can work out, resuming the session",
+       [&] {
+         std::atomic<int> stolen{0};
+         for (const std::string& id :
+              {std::string("kelbus/a/solver"),
+               kelbus::BusTopics("kelbus", eve.password).HolderClientId("solver")}) {
+           const RawMqttClient thief(broker.Port(), [&](const auto&...) { ++stolen; },
+                                     {.clientId = id,
+                                      .user = eve.user,
+                                      .password = eve.password,
+                                      .caFile = eve.caFile,
+                                      .resumeSession = true});
+           SendText(monitor, "solver", "while eve holds " + id);
+           solver.TakeAnswer("monitor", "while", std::chrono::seconds(1));
+         }
+         return stolen > 0;
+       }},
       // Eve may write her own presence topic; a record there that names
       // another application is a forgery all the same.
       {"solver's departure record on eve's own topic",
@@ -180,8 +215,10 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
       arrived = solver.TakeAnswer("monitor", "after", std::chrono::milliseconds(500)).has_value();
     }
     EXPECT_TRUE(arrived) << "solver no longer reached after " << attack.name;
+    EXPECT_EQ(LostConnections(), 0) << attack.name;
     EXPECT_TRUE(departures.apps.empty()) << attack.name << ": " << departures.apps.front();
   }
+  KelBusSetDiagnosticSink(nullptr);
   const std::lock_guard lock(seenMutex);
   for (const std::string& topic : seen)
     EXPECT_TRUE(topic.starts_with("kelbus/p/") || topic.starts_with("kelbus/c/")) << topic;

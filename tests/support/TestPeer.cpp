@@ -5,7 +5,8 @@
 //
 // Joins the bus named by KELBUS_URL as APP, with ID (APP unless given) as its
 // message identifier, receives files with an engine of its own (working in
-// DIR and confined to it when given), tells CONTROLLER "ready", and carries
+// DIR and confined to it, closing files left idle for 1 s, when given), tells
+// CONTROLLER "ready", and carries
 // out the commands that arrive as raw string messages (fields separated by
 // '\n'):
 //   push + eight names   pushes a file with SendFile, then answers
@@ -81,6 +82,8 @@ int main(int argc, char** argv) {
   KelMsgFileTransfer files(-1, nullptr, 0);
   if (confined && (chdir(argv[4]) != 0 || files.ConfineTo(argv[4]) != 0))
     return 4;
+  if (confined)
+    files.SetReceiveLimits(KelMsgFileTransfer::kDefaultMaxReceiveFiles, 1);
   const KelMsgBBCallbackManager registry;  // deletes what is adopted below, last
   const KelMsgBBApplication bus(argv[1]);
   if (!bus.Joined())

@@ -30,9 +30,6 @@ namespace {
 // The level at which the server traces: a few lines per transfer step.
 constexpr int kServerTraceLevel = 1;
 
-// How often the server looks for received files left idle.
-constexpr std::chrono::seconds kIdleCheckPeriod{1};
-
 struct ServeOptions {
   std::string application;
   std::string directory;
@@ -87,8 +84,8 @@ void Serve(const ServeOptions& options) {
   session.Handle(new KelMsgProcessControlType, new KillHandler(killed));
   std::printf("serving files as %s from %s\n", session.Application(), directory.c_str());
   std::fflush(stdout);
-  while (session.Wait(killed, kIdleCheckPeriod) == Session::WaitEnd::kTimedOut)
-    files.CloseIdleTransfers();
+  // The waits close the received files left idle on their own.
+  session.Wait(killed, std::chrono::seconds::zero());
 }
 
 // One file between this process and a server: the server's application,

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -16,6 +17,7 @@
 
 #include "KelMsgCheck.h"
 #include "KelMsgConfinement.h"
+#include "KelMsgWaitChore.h"
 
 namespace {
 
@@ -126,6 +128,8 @@ KelMsgFileTransfer::~KelMsgFileTransfer() {
 
 int KelMsgFileTransfer::SetCommunicatorId(int communicatorId) {
   m_communicatorId = communicatorId;
+  if (m_idleSweep)
+    SweepIdleFilesWhileWaiting();
   return 0;
 }
 
@@ -161,7 +165,26 @@ int KelMsgFileTransfer::SetReceiveLimits(int maxOpenFiles, int idleSeconds) {
   KELMSG_ASSERT(maxOpenFiles >= 1 && idleSeconds >= 0);
   m_maxReceiveFiles = maxOpenFiles;
   m_idleSeconds = idleSeconds;
+  SweepIdleFilesWhileWaiting();
   return 0;
+}
+
+void KelMsgFileTransfer::SweepIdleFilesWhileWaiting() {
+  m_idleSweep.reset();
+  if (m_idleSeconds == 0)
+    return;
+  m_idleSweep = std::make_unique<KelMsgWaitChore>(m_communicatorId, [this] {
+    CloseIdleFiles();
+    return NextIdleMoment();
+  });
+}
+
+KelMsgFileTransfer::Clock::time_point KelMsgFileTransfer::NextIdleMoment() const {
+  // A file that a handler opens during the wait falls idle no sooner.
+  Clock::time_point oldest = Clock::now();
+  for (const auto& [source, last] : m_lastReceived)
+    oldest = std::min(oldest, last);
+  return oldest + std::chrono::seconds(m_idleSeconds);
 }
 
 int KelMsgFileTransfer::CloseIdleFiles() {
@@ -181,6 +204,12 @@ int KelMsgFileTransfer::CloseIdleFiles() {
       close(descriptor);
     ForgetReceived(source.c_str());
   }
+  if (idle.empty())
+    return 0;
+  // A received file's end, as a completion is: a ReceiveFile whose holder
+  // fell silent returns instead of waiting for ever.
+  m_endingCondition = 0;
+  m_observer->IdleFilesClosed();
   return static_cast<int>(idle.size());
 }
 

@@ -144,7 +144,6 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   bool Pull(const char* source, const char* sourceBaseDir, const char* sourceJobDir,
             const char* sourceFileName, const char* targetBaseDir, const char* targetJobDir,
             const char* targetFileName);
-  void CloseIdle();
   KelMsgFileTransfer& Engine() { return m_engine; }
 
   int m_patienceSeconds = 0;
@@ -191,6 +190,7 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   void TransferAbandoned(const char* source) override;
   void ReceiveFileIdle(const char* source, int seconds) override;
   void ReceiveFileClosed(const char* source) override;
+  void IdleFilesClosed() override;
 
   void OnFileTransfer(const KelMsgFileTransferType& msg, const char* id);
   void OnReceipt(const KelMsgTransferReceiptType& msg, const char* id);
@@ -225,7 +225,10 @@ class KelMsgVerifiedTransfer::Parts : public KelMsgFileTransferObserver {
   // The wait of a Push or a Pull.
   int m_waitFlag = kDone;
   std::string m_awaited;
-  std::string m_pulledFrom;  // while a Pull runs, the only peer heard
+  // While a Pull or a waiting Push runs: the only peer heard, and what
+  // this side does with it.
+  std::string m_onlyPeer;
+  const char* m_onlyWhy = "";
   std::optional<Receipt> m_receipt;
   bool m_pullVerified = false;
   Clock::time_point m_lastHeard;
@@ -361,9 +364,9 @@ void KelMsgVerifiedTransfer::Parts::PeerLeft(const char* application) {
 }
 
 bool KelMsgVerifiedTransfer::Parts::Admits(const char* id) const {
-  if (m_pulledFrom.empty() || m_pulledFrom == id)
+  if (m_onlyPeer.empty() || m_onlyPeer == id)
     return true;
-  Log("refused a transfer message from " + std::string(id) + ": pulling from " + m_pulledFrom +
+  Log("refused a transfer message from " + std::string(id) + ": " + m_onlyWhy + m_onlyPeer +
       " only");
   return false;
 }
@@ -556,7 +559,11 @@ bool KelMsgVerifiedTransfer::Parts::Push(const char* sourceBaseDir, const char* 
   m_engine.SendSendCompletion(self, target);
   m_receipt.reset();
   m_waitFlag = kWaiting;
-  switch (WaitForPeer(target)) {
+  m_onlyPeer = target;
+  m_onlyWhy = "pushing to ";
+  const WaitEnd end = WaitForPeer(target);
+  m_onlyPeer.clear();
+  switch (end) {
     case WaitEnd::kSilent:
       return Conclude(false,
                       "no receipt from " + parties.receiver + " for " + parties.target + Silence());
@@ -579,7 +586,8 @@ bool KelMsgVerifiedTransfer::Parts::Pull(const char* source, const char* sourceB
                                          const char* sourceJobDir, const char* sourceFileName,
                                          const char* targetBaseDir, const char* targetJobDir,
                                          const char* targetFileName) {
-  m_pulledFrom = source;
+  m_onlyPeer = source;
+  m_onlyWhy = "pulling from ";
   SendReceipt(source, KelMsgTransferReceiptType::RECEIPT_ASK, sourceFileName, Receipt());
   const Inbound& inbound = Expect(source,
                                   {source, "", ShownName(sourceJobDir, sourceFileName),
@@ -598,12 +606,11 @@ bool KelMsgVerifiedTransfer::Parts::Pull(const char* source, const char* sourceB
     m_engine.ReceiveISendCompletion(source);
     Finish(source);
   }
-  m_pulledFrom.clear();
+  m_onlyPeer.clear();
   return m_pullVerified;
 }
 
-void KelMsgVerifiedTransfer::Parts::CloseIdle() {
-  m_engine.CloseIdleFiles();
+void KelMsgVerifiedTransfer::Parts::IdleFilesClosed() {
   std::vector<std::string> closed;
   for (const auto& [source, inbound] : m_inbound) {
     if (inbound.closed)
@@ -661,7 +668,7 @@ void KelMsgVerifiedTransfer::SetReceiveLimits(int maxOpenFiles, int idleSeconds)
 }
 
 void KelMsgVerifiedTransfer::CloseIdleTransfers() {
-  m_parts->CloseIdle();
+  m_parts->Engine().CloseIdleFiles();
 }
 
 const KelString& KelMsgVerifiedTransfer::Report() const {

@@ -1,7 +1,9 @@
 // KelMsgBBAPI: the one place where the library calls the message bus.
 //
 // Every operation is a pass-through that returns the bus's result unchanged
-// (0 for success; see KelBus.h for the codes).  SendRequest first lends the
+// (0 for success; see KelBus.h for the codes).  The waiting loops also run
+// the library's own chores while they wait (closing received files left
+// idle): they wake up when one is due, with no message needed.  SendRequest first lends the
 // message to the registry as its pending message; the bus streams it before
 // returning, so the caller may destroy the message right afterwards.
 #ifndef KELMSGFEAMESSAGING_KELMSGBBAPI_H_
@@ -19,7 +21,11 @@ class KelMsgBBAPI {
   static int RegisterCommunicator(const char* name, int& communicatorId);
   // Declares this communicator's application name; `flag` is passed as 0/1.
   static int DeclareApplicationId(int communicatorId, const char* applicationId, bool flag);
-  // Sends `message` to the application `targetApplication`.
+  // Sends `message` to the application `targetApplication`.  Its envelope
+  // names the registry's message identifier, unless that is the application
+  // of another communicator of this process (a process holding several
+  // applications): then the one that this communicator declared, since
+  // receivers refuse a message whose identifier is not its sender's.
   static int SendRequest(int communicatorId, const char* targetApplication,
                          const KelMsgBBMessage& message);
   // Lets the bus deliver received messages to the registry.

@@ -53,7 +53,9 @@
 // wherever it says.  At most kDefaultMaxReceiveFiles received files are open
 // at once unless SetReceiveLimits says otherwise; an announcement beyond
 // that is refused (EMFILE).  CloseIdleFiles closes the received files that
-// nothing has reached for a while; a serving program calls it from its loop.
+// nothing has reached for a while; once SetReceiveLimits has set an idle
+// time, the library's waiting loops (KelMsgBBAPI) on the engine's
+// communicator call it on their own whenever a file falls idle.
 //
 // Every operation returns 0, except where said otherwise.
 #ifndef KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_
@@ -68,6 +70,7 @@
 #include <KelMsgFeaMessaging/KelBasTreeGeneric.h>
 
 class KelMsgConfinement;
+class KelMsgWaitChore;
 class KelMsgFileTransferObserver;
 class KelMsgFileTransferType;
 
@@ -94,11 +97,13 @@ class KelMsgFileTransfer {
   // open for its lifetime.  Returns 0, or the errno why it cannot be opened.
   int ConfineTo(const char* directory);
   // At most `maxOpenFiles` (at least 1) received files open at once; files
-  // idle for `idleSeconds` are closed by CloseIdleFiles (0: never).
+  // idle for `idleSeconds` are closed by CloseIdleFiles (0: never), which
+  // the library's waiting loops call from now on.
   int SetReceiveLimits(int maxOpenFiles, int idleSeconds);
   // Closes and forgets every received file that no announcement or chunk
   // has reached for the idle time, traced at level 1 and told to the
-  // observer; returns how many.
+  // observer; returns how many.  Closing ends the wait of SendFile and
+  // ReceiveFile as a completion does.
   int CloseIdleFiles();
   // Renames a received file within its directory, or removes one, beneath
   // the confinement's roots when there are any.  Return 0 or the errno.
@@ -165,6 +170,12 @@ class KelMsgFileTransfer {
                   const char* targetJobDir, const char* targetFileName);
   // Forgets the received file of `source`, already closed.
   void ForgetReceived(const char* source);
+  // Has the waiting loops close idle files from now on, when an idle time
+  // is set.
+  void SweepIdleFilesWhileWaiting();
+  // The earliest moment that a received file, open or yet to come, may
+  // fall idle.
+  Clock::time_point NextIdleMoment() const;
 
   void Trace(int level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
   void TraceUnflushed(int level, const char* format, ...) const
@@ -187,6 +198,7 @@ class KelMsgFileTransfer {
   int m_idleSeconds;
   int m_openReceiveFiles;  // descriptors among those of m_receiveFileMap
   std::map<std::string, Clock::time_point> m_lastReceived;  // same keys as m_receiveFileMap
+  std::unique_ptr<KelMsgWaitChore> m_idleSweep;             // set once limits are
 };
 
 #endif  // KELMSGFEAMESSAGING_KELMSGFILETRANSFER_H_

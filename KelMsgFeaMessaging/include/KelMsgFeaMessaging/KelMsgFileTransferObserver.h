@@ -40,6 +40,8 @@ class KelMsgFileTransferObserver {
   virtual void ReceiveFileIdle(const char* /*source*/, int /*seconds*/) {}
   // The file received from `source` was closed and forgotten.
   virtual void ReceiveFileClosed(const char* /*source*/) {}
+  // CloseIdleFiles has closed and forgotten every file it found idle.
+  virtual void IdleFilesClosed() {}
 };
 
 #endif  // KELMSGFEAMESSAGING_KELMSGFILETRANSFEROBSERVER_H_

@@ -36,8 +36,10 @@
 // send that a peer requested and that failed, is reported in one line on
 // the report stream given at construction (nothing when null).  Push and
 // Pull return true when verified and leave one line in Report() either way.
-// While a Pull waits, transfer messages and receipts from any application
-// but the one asked are refused, each reported in one line on that stream.
+// While a Pull or a waiting Push waits, transfer messages and receipts from
+// any application but its peer (the one asked, the one pushed to) are
+// refused, each reported in one line on that stream: nobody else can
+// answer for the peer, keep the wait alive or slip a file in meanwhile.
 // A process that wants a file-size limit reported as "File too large" rather
 // than dying of it ignores SIGXFSZ.
 //
@@ -82,8 +84,10 @@ class KelMsgVerifiedTransfer {
   int ConfineTo(const char* directory);
   void SetReceiveLimits(int maxOpenFiles, int idleSeconds);
   // Closes the received transfers left idle beyond the limit: each is
-  // reported as failed and its NAME.partial removed.  A serving program
-  // calls it from its loop now and then.
+  // reported as failed and its NAME.partial removed.  Once SetReceiveLimits
+  // has set an idle time, the library's waiting loops (KelMsgBBAPI,
+  // KelMsgBBApplication::Wait) do it on their own when a transfer falls
+  // idle; a program that waits in KelBus.h's loops instead calls it.
   void CloseIdleTransfers();
   // Hands the size of every chunk this side reads from a file it sends, or
   // writes to a file it receives, to `listener` (empty: nobody), on the

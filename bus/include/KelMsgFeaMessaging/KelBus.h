@@ -53,9 +53,13 @@
 //   outside A-Z a-z 0-9 - . _ becomes %XX), so any name is safe.
 //   A communicator is one MQTT client.  Before it declares an application it
 //   connects under a client identifier of its own; declaring reconnects it
-//   under <namespace>/a/<application>, so the broker lets only one live
-//   client hold a name.  Messages already handed to SendRequest are
-//   delivered before the switch.
+//   under the application's holder identifier, so the broker lets only one
+//   live client hold a name.  Messages already handed to SendRequest are
+//   delivered before the switch.  The holder identifier is
+//   <namespace>/a/<application> on a bus without credentials; with a
+//   password or a client key it is <namespace>/a/<application>/<tag>, where
+//   <tag> is a keyed hash (HMAC-SHA-256, 128 bits in hex) of the rest under
+//   the password and the key's bytes.
 //
 // IDENTITY
 //   A receive callback learns from KelBusMessageSender which application
@@ -77,13 +81,19 @@
 //     only its own inbox.  A message that the rules refuse fails the send at
 //     once (KELBUS_ERR_REFUSED, "Not authorized"); the same holds for
 //     declaring an application the user may not hold.
-//   What the rules cannot prevent: another user may connect under a
-//   holder's client identifier, which disconnects the holder.  The broker
-//   checks read access on every delivery, so the intruder receives nothing
-//   of the holder's, and messages that arrive meanwhile are dropped (their
-//   senders send them again once the holder is back, see DELIVERY); the
-//   holder finds its presence record unchanged and connects again, so it
-//   keeps its name.
+//   The rules cannot tie a client identifier to a user, and the broker lets
+//   whoever connects under an identifier displace its live client and
+//   inherit its session.  The keyed holder identifier keeps that from
+//   strangers: only a process with the holder's credentials can work it
+//   out, so a new holder of the name under the same credentials still ends
+//   its predecessor's session, and nobody else can.  Holders under other
+//   credentials (two users granted one application) get different
+//   identifiers: a claim with flag 1 publishes the former holder's
+//   departure but leaves its connection to it.  Should an identifier leak
+//   all the same, the broker checks read access on every delivery, so the
+//   intruder receives none of the holder's messages (only the presence
+//   records everybody reads), and their senders send them again once the
+//   holder is back (see DELIVERY).
 //   The registry (KelMsgBBCallbackManager) compares the identifier in each
 //   message's envelope with the sender and refuses, in one report line
 //   naming both, a message that claims another application.
@@ -331,7 +341,9 @@ int RegisterCommunicator(const char* name, int* communicatorId);
 // `flag` says what happens when a live process already holds the name:
 //   0  refuse, with KELBUS_ERR_NAME_HELD; the communicator stays as it was.
 //   1  take the name over: the holder is disconnected, its departure record
-//      is published and it gets KELBUS_ERR_NAME_LOST from then on.
+//      is published and it gets KELBUS_ERR_NAME_LOST from then on.  On a
+//      bus with credentials only a holder under the same credentials is
+//      disconnected (see IDENTITY).
 // A name whose holder died or closed is free with either flag.  Two
 // processes that declare one name at the same moment both succeed, and the
 // one that connected first loses the name within a second (the broker never
