@@ -193,21 +193,4 @@ TEST_F(KelMsgBBApplicationTest, LeavesWhenDestroyedOrReplacedButNotWhenMovedFrom
   EXPECT_TRUE(KelMsgBBApplication("solver").Joined()) << "the name was given back";
 }
 
-// The registry's identifier is the last application joined; each sends under
-// its own all the same, as receivers take nothing else.
-TEST_F(KelMsgBBApplicationTest, ApplicationsOfOneProcessEachSendUnderTheirOwnName) {
-  const Manager registry;
-  Manager::AdoptPrototypeAndHandler(new Probe, new Recorder);
-  const FatalErrorCapture reports;
-  const KelMsgBBApplication solver("solver"), mesher("mesher"), monitor("monitor");
-  for (const KelMsgBBApplication* sender : {&solver, &mesher, &monitor})
-    EXPECT_EQ(SendText(*sender, "monitor", "hi"), KELBUS_OK);
-  int unchanged = 0;
-  monitor.Wait(unchanged, 0);
-  EXPECT_EQ(g_seen, (Strings{"solver|hi", "mesher|hi", "monitor|hi"}));
-  EXPECT_TRUE(reports.Messages().empty()) << reports.Messages().front();
-  EXPECT_STREQ(Manager::MessageID().GetUTF8(), "monitor");
-  g_seen.clear();
-}
-
 }  // namespace

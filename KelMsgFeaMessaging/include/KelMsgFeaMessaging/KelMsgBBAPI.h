@@ -21,11 +21,7 @@ class KelMsgBBAPI {
   static int RegisterCommunicator(const char* name, int& communicatorId);
   // Declares this communicator's application name; `flag` is passed as 0/1.
   static int DeclareApplicationId(int communicatorId, const char* applicationId, bool flag);
-  // Sends `message` to the application `targetApplication`.  Its envelope
-  // names the registry's message identifier, unless that is the application
-  // of another communicator of this process (a process holding several
-  // applications): then the one that this communicator declared, since
-  // receivers refuse a message whose identifier is not its sender's.
+  // Sends `message` to the application `targetApplication`.
   static int SendRequest(int communicatorId, const char* targetApplication,
                          const KelMsgBBMessage& message);
   // Lets the bus deliver received messages to the registry.

@@ -41,10 +41,8 @@ class KelMsgBBCallbackManager {
   // True when the type has both a prototype and a handler.  Reports nothing.
   static bool IsMessageTypeHandled(const char* type);
   // The identifier written into the envelope of every message sent from now
-  // on; by convention the process's own application identifier (see
-  // KelMsgBBAPI::SendRequest for a process that holds several).
+  // on; by convention the process's own application identifier.
   static void SetMessageID(const char* id);
-  static const KelString& MessageID() { return m_messageID; }
   // Lends the message to be sent; replaces any earlier one; copies nothing.
   static void AppendMessageToSend(const KelMsgBBMessage* msg);
   // Lends the one disconnect handler; the last call wins; deletes nothing.
