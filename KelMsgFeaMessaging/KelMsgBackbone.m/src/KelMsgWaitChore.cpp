@@ -2,7 +2,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -14,7 +13,6 @@ struct Registered {
 };
 
 struct Registry {
-  std::mutex mutex;
   std::map<std::uint64_t, Registered> chores;
   std::uint64_t nextKey = 1;
 };
@@ -29,7 +27,6 @@ Registry& TheRegistry() {
 
 KelMsgWaitChore::KelMsgWaitChore(int communicatorId, Work work) {
   Registry& registry = TheRegistry();
-  const std::lock_guard lock(registry.mutex);
   m_key = registry.nextKey++;
   registry.chores.emplace(m_key,
                           Registered{communicatorId, std::make_shared<Work>(std::move(work))});
@@ -37,7 +34,6 @@ KelMsgWaitChore::KelMsgWaitChore(int communicatorId, Work work) {
 
 KelMsgWaitChore::~KelMsgWaitChore() {
   Registry& registry = TheRegistry();
-  const std::lock_guard lock(registry.mutex);
   registry.chores.erase(m_key);
 }
 
@@ -45,7 +41,6 @@ std::optional<KelMsgWaitChore::Clock::time_point> KelMsgWaitChore::RunDue(int co
   Registry& registry = TheRegistry();
   std::vector<std::pair<std::uint64_t, std::shared_ptr<Work>>> chosen;
   {
-    const std::lock_guard lock(registry.mutex);
     for (const auto& [key, chore] : registry.chores) {
       if (communicatorId == kEveryCommunicator || chore.communicatorId == communicatorId)
         chosen.emplace_back(key, chore.work);
@@ -55,7 +50,6 @@ std::optional<KelMsgWaitChore::Clock::time_point> KelMsgWaitChore::RunDue(int co
   for (const auto& [key, work] : chosen) {
     {
       // An earlier chore may have ended this one.
-      const std::lock_guard lock(registry.mutex);
       if (!registry.chores.contains(key))
         continue;
     }

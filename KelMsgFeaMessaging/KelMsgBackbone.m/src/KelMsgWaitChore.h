@@ -6,7 +6,8 @@
 // BBSysLoopWait for every one), on the waiting thread, between messages.  It
 // does what is due and tells when it is next due; the loop wakes up then, so
 // a chore needs no message to come.  A chore may end the wait by changing
-// the watched value.
+// the watched value.  Like the rest of the library, chores are made, ended
+// and run on the thread that calls the bus, so nothing here is locked.
 #ifndef KELMSGFEAMESSAGING_KELMSGWAITCHORE_H_
 #define KELMSGFEAMESSAGING_KELMSGWAITCHORE_H_
 
