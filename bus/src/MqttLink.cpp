@@ -290,25 +290,7 @@ void MqttLink::Close(bool withWill) {
     std::lock_guard lock(m_mutex);
     if (m_state == State::kClosed)
       return;
-    const bool up = m_state == State::kUp;
-    if (up) {
-      // Set before m_stopping, so that the thread writes the DISCONNECT out.
-      m_stopDeadline = Clock::now() + kGoodbyeLimit;
-      m_sayingGoodbye = true;
-    }
-    // Set before the DISCONNECT is queued, so that the thread does not take
-    // the closed socket for a broken connection.
-    m_stopping = true;
-    if (up) {
-      if (withWill && !m_willTopic.empty()) {
-        PublishLocked(m_willTopic, m_willPayload.data(), static_cast<int>(m_willPayload.size()),
-                      WillExpiry().get(), Publication::kRetained);
-      }
-      const Properties endSession =
-          m_sessionExpiry ? IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, {}) : nullptr;
-      mosquitto_disconnect_v5(m_mosq, 0, endSession.get());
-    }
-    m_wakeup.Raise();
+    StopLocked(withWill);
   }
   m_changed.notify_all();
   if (m_thread.joinable())
@@ -318,6 +300,39 @@ void MqttLink::Close(bool withWill) {
   m_mosq = nullptr;
   std::lock_guard lock(m_mutex);
   SetStateLocked(State::kClosed);
+}
+
+void MqttLink::StopLocked(bool withWill) {
+  const bool up = m_state == State::kUp;
+  if (up) {
+    // Set before m_stopping, so that the thread writes the DISCONNECT out.
+    m_stopDeadline = Clock::now() + kGoodbyeLimit;
+    m_sayingGoodbye = true;
+  }
+  // Set before the DISCONNECT is queued, so that the thread does not take
+  // the closed socket for a broken connection.
+  m_stopping = true;
+  if (up) {
+    if (withWill && !m_willTopic.empty()) {
+      PublishLocked(m_willTopic, m_willPayload.data(), static_cast<int>(m_willPayload.size()),
+                    WillExpiry().get(), Publication::kRetained);
+    }
+    const Properties endSession =
+        m_sessionExpiry ? IntervalProperty(MQTT_PROP_SESSION_EXPIRY_INTERVAL, {}) : nullptr;
+    mosquitto_disconnect_v5(m_mosq, 0, endSession.get());
+  }
+  m_wakeup.Raise();
+}
+
+void MqttLink::GiveUp() {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_stopping)
+      return;
+    StopLocked(false);
+    SetStateLocked(State::kGivenUp);
+  }
+  m_listener.OnStateChanged();
 }
 
 void MqttLink::AbandonAfterFork() {
@@ -423,11 +438,7 @@ bool MqttLink::StartReconnecting() {
     }
     const Verdict verdict = m_guard ? m_guard() : Verdict::kReconnect;
     if (verdict == Verdict::kGiveUp) {
-      {
-        std::lock_guard lock(m_mutex);
-        SetStateLocked(State::kGivenUp);
-      }
-      m_listener.OnStateChanged();
+      GiveUp();
       return false;
     }
     if (verdict == Verdict::kReconnect && mosquitto_reconnect_async(m_mosq) == MOSQ_ERR_SUCCESS) {
@@ -523,7 +534,11 @@ void MqttLink::HandleSubscribe(mosquitto*, void* self, int mid, int count, const
 
 void MqttLink::HandleMessage(mosquitto*, void* self, const mosquitto_message* message,
                              const mosquitto_property* properties) {
-  Self(self).m_listener.OnMessage(*message, properties);
+  // What the broker sent before it read the DISCONNECT of a link that gave
+  // up is no longer this link's to hand on.
+  MqttLink& link = Self(self);
+  if (link.CurrentState() != State::kGivenUp)
+    link.m_listener.OnMessage(*message, properties);
 }
 
 }  // namespace kelbus

@@ -19,7 +19,8 @@
 //
 // Threads: the set-up calls (SetLastingSession, SetWill, SetBirth,
 // SetReconnectGuard, SetKeepalive) come before Open, on one thread.  Everything else may be called
-// from any thread but the link's own; the listener and the guard run on the link's thread.
+// from any thread but the link's own (GiveUp from its own as well); the listener and the guard
+// run on the link's thread.
 #ifndef KELBUS_SRC_MQTTLINK_H_
 #define KELBUS_SRC_MQTTLINK_H_
 
@@ -72,7 +73,7 @@ class MqttLink {
     kUp,
     kDown,     // broken, being restored
     kFailed,   // the first connection failed; the link is unusable
-    kGivenUp,  // the guard gave the connection up
+    kGivenUp,  // given up for good (GiveUp)
     kClosed,
   };
 
@@ -147,6 +148,11 @@ class MqttLink {
   // hold it back for the will's delay even though the session ends.
   // Idempotent.
   void Close(bool withWill);
+  // Gives the connection up for good, as a reconnect guard's kGiveUp does:
+  // ends the session without will, delivers nothing more to the listener
+  // and stops the thread; the state is kGivenUp from then on.  Does nothing
+  // to a link that is closing or gave up already.
+  void GiveUp();
   // In a forked child: closes the inherited socket; nothing else is touched.
   void AbandonAfterFork();
 
@@ -196,6 +202,9 @@ class MqttLink {
   KelBusResult PublishLocked(const std::string& topic, const void* bytes, int size,
                              const mosquitto_property* properties, Publication publication);
   void SetStateLocked(State state);
+  // Makes the thread stop; a connection that is up says goodbye first, with
+  // the will published when `withWill`, and ends the session.
+  void StopLocked(bool withWill);
   // KELBUS_ERR_REFUSED, once, after the broker refused a message.
   KelBusResult TakeRefusalLocked();
   // The message expiry of the will, or none.

@@ -85,6 +85,11 @@ std::string Holder(const ProcessRecord& record) {
          record.host;
 }
 
+void ReportTakenOver(const std::string& app, const ProcessRecord& taker) {
+  Diagnose("KelBus: application '" + app + "' was taken over by " + Holder(taker) +
+           "; this process gives the name up");
+}
+
 class MqttTransport final : public Transport, public MqttLink::Listener {
  public:
   MqttTransport(const BusAddress& address, const Inbox& inbox);
@@ -120,6 +125,9 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   std::unique_ptr<MqttLink> NewHolderLink(const ProcessRecord& presence);
   // The reconnect guard of the holder's link.
   MqttLink::Verdict CheckNameStillOurs(const std::string& app, std::uint64_t claim) const;
+  // Whether a presence record that came on a link says that another holder
+  // took the held application over.
+  bool TakenOverBy(const ProcessRecord& presence, bool retained) const;
   // The type as content type and the sender's sequence number.
   static KelBusResult LabelMessage(const char* type, const std::string& sequenceLabel,
                                    Properties* properties);
@@ -153,7 +161,7 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
 
   // Serialises the operations that use the link (claim, send, watch, close).
   std::mutex m_operationMutex;
-  bool m_claimed = false;
+  std::atomic<bool> m_claimed{false};
   bool m_closed = false;
   // The topic of every application sent to, and the last sequence number.
   const std::uint64_t m_senderId = RandomClaim();
@@ -233,6 +241,14 @@ std::unique_ptr<MqttLink> MqttTransport::NewHolderLink(const ProcessRecord& pres
     return CheckNameStillOurs(app, claim);
   });
   link->Subscribe(m_topics.MessageFilter(presence.app), 0);
+  // A holder under other credentials connects under another client
+  // identifier, so the broker leaves this link to its taker: the taker's
+  // presence record tells it (see TakenOverBy).  Without this link's own
+  // records, which a closing link would otherwise still be sent back, and
+  // without the retained one; a target's subscription to the same topic,
+  // made after this one, overrides both.
+  link->Subscribe(m_topics.PresenceTopic(presence.app),
+                  MQTT_SUB_OPT_NO_LOCAL | MQTT_SUB_OPT_SEND_RETAIN_NEVER);
   // Credits for what went out before the claim come on the first topic.
   link->Subscribe(m_topics.CreditTopic({}, SenderTag(m_senderId)), 0);
   link->Subscribe(m_topics.CreditTopic(presence.app, SenderTag(m_senderId)), 0);
@@ -319,9 +335,20 @@ MqttLink::Verdict MqttTransport::CheckNameStillOurs(const std::string& app,
     return MqttLink::Verdict::kRetryLater;
   if (!reading.record || reading.record->claim == claim)
     return MqttLink::Verdict::kReconnect;
-  Diagnose("KelBus: application '" + app + "' was taken over by " + Holder(*reading.record) +
-           "; this process gives the name up");
+  ReportTakenOver(app, *reading.record);
   return MqttLink::Verdict::kGiveUp;
+}
+
+// Only a user whom the broker's rules let hold the application may publish
+// on its presence topic, and a record there that names another application
+// is dropped as a forgery before it comes here: so only a holder that may
+// hold the name can make this one give it up.  A retained record comes at a
+// subscription, and is this holder's own or a departure, as the reconnect
+// guard has just looked; this holder's own record, published again after a
+// reconnect, carries its claim.
+bool MqttTransport::TakenOverBy(const ProcessRecord& presence, bool retained) const {
+  return m_claimed && !retained && presence.kind == ProcessRecord::Kind::kPresent &&
+         presence.app == m_app && presence.claim != m_claim;
 }
 
 KelBusResult MqttTransport::LabelMessage(const char* type, const std::string& sequenceLabel,
@@ -486,6 +513,16 @@ void MqttTransport::OnMessage(const mosquitto_message& message,
   // A record whose application is not its topic's is a forgery.
   if (!record || m_topics.PresenceTopic(record->app) != topic)
     return;
+  if (TakenOverBy(*record, message.retain)) {
+    ReportTakenOver(m_app, *record);
+    MqttLink* holder = nullptr;
+    {
+      std::lock_guard lock(m_linkMutex);
+      holder = m_link.get();  // the holder's link, which nothing replaces after the claim
+    }
+    holder->GiveUp();
+    return;
+  }
   switch (record->kind) {
     case ProcessRecord::Kind::kDeparted:
       // Retained records come for a target's presence subscription, and tell

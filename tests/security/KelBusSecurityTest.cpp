@@ -17,12 +17,15 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "BusTopics.h"
 #include "FatalErrorCapture.h"
+#include "KelmsgProcess.h"
 #include "PeerController.h"
 #include "ProcessRecord.h"
 #include "RawMqttClient.h"
@@ -226,6 +229,43 @@ TEST(KelBusSecurity, AStrangerWithAPasswordCanNeitherForgeNorRead) {
   EXPECT_EQ(reports.Messages().front(),
             "message of type KelMsgStringType claims to come from 'monitor' but 'eve' sent it; "
             "refused");
+}
+
+// Two users granted one application as `kelmsg bus user add --app` grants
+// it: the second takes it over, and the first, which the broker does not
+// disconnect, gives the name up and receives nothing more.
+TEST(KelBusSecurity, AHolderTakenOverByAnotherUserGivesTheNameUp) {
+  const ScratchDirectory state;
+  for (const char* user : {"solver", "monitor"})
+    KelmsgProcess({"bus", "user", "add", user, "--app", "shared", "--state-dir", state / ""})
+        .ExitCode();
+  KelmsgProcess bus(
+      {"bus", "--tls", "--auth", "--state-dir", state / "", "--ports", "20000-29999"});
+  ASSERT_TRUE(bus.WaitForOutput(".password\n")) << bus.Err();
+  std::istringstream lines(bus.Out());
+  for (std::string line; std::getline(lines, line);)
+    setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
+  const std::string url = getenv("KELBUS_URL");
+  const auto holder = [&](const std::string& user, const char* app, int flag) {
+    setenv("KELBUS_URL", std::regex_replace(url, std::regex("//[^@]*@"), "//" + user + "@").c_str(),
+           1);
+    setenv("KELBUS_PASSWORD_FILE", (state / ("users/" + user + ".password")).c_str(), 1);
+    int id = 0;
+    EXPECT_EQ(RegisterCommunicator("test", &id), KELBUS_OK) << KelBusLastError();
+    EXPECT_EQ(DeclareApplicationId(id, app, flag), KELBUS_OK) << KelBusLastError();
+    return id;
+  };
+  static int arrivals[2];  // at the first holder, at the second
+  const int first = holder("solver", "shared", 0);
+  AssociateHandler(first, nullptr, [](const char*, const void*, int) { ++arrivals[0]; });
+  const int second = holder("monitor", "shared", 1);
+  AssociateHandler(second, nullptr, [](const char*, const void*, int) { ++arrivals[1]; });
+  ASSERT_EQ(SendText(KelMsgBBApplication("monitor"), "shared", "after the take-over"), KELBUS_OK);
+  EXPECT_EQ(WaitingLoop(second, 10000, &arrivals[1]), KELBUS_OK);
+  EXPECT_EQ(WaitingLoop(first, 2000, &arrivals[0]), KELBUS_ERR_NAME_LOST);
+  EXPECT_EQ(arrivals[0], 0);
+  for (const int id : {first, second})
+    CloseCommunicator(id);
 }
 
 // Every shipped broker configuration bounds a message and what it queues

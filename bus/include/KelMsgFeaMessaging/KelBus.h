@@ -88,12 +88,15 @@
 //   out, so a new holder of the name under the same credentials still ends
 //   its predecessor's session, and nobody else can.  Holders under other
 //   credentials (two users granted one application) get different
-//   identifiers: a claim with flag 1 publishes the former holder's
-//   departure but leaves its connection to it.  Should an identifier leak
-//   all the same, the broker checks read access on every delivery, so the
-//   intruder receives none of the holder's messages (only the presence
-//   records everybody reads), and their senders send them again once the
-//   holder is back (see DELIVERY).
+//   identifiers, so the broker leaves the former holder connected after a
+//   claim with flag 1; the former holder gives the name up itself when the
+//   new holder's presence record reaches it, before any message sent after
+//   the claim.  Only a user granted the application can publish that
+//   record, so nobody else can make a holder give up.  Should an
+//   identifier leak all the same, the broker checks read access on every
+//   delivery, so the intruder receives none of the holder's messages (only
+//   the presence records everybody reads), and their senders send them
+//   again once the holder is back (see DELIVERY).
 //   The registry (KelMsgBBCallbackManager) compares the identifier in each
 //   message's envelope with the sender and refuses, in one report line
 //   naming both, a message that claims another application.
@@ -342,8 +345,8 @@ int RegisterCommunicator(const char* name, int* communicatorId);
 //   0  refuse, with KELBUS_ERR_NAME_HELD; the communicator stays as it was.
 //   1  take the name over: the holder is disconnected, its departure record
 //      is published and it gets KELBUS_ERR_NAME_LOST from then on.  On a
-//      bus with credentials only a holder under the same credentials is
-//      disconnected (see IDENTITY).
+//      bus with credentials a holder under other credentials disconnects
+//      itself once it learns of the new holder (see IDENTITY).
 // A name whose holder died or closed is free with either flag.  Two
 // processes that declare one name at the same moment both succeed, and the
 // one that connected first loses the name within a second (the broker never
