@@ -155,7 +155,7 @@ std::vector<Sample> Samples() {
       {kReceipt, nullptr,
        Int32(3) + Counted("job/x.bin") + Int32(2) + Int32(1) + Counted("ab") + Int32(2) +
            Counted("No space left on device"),
-       "3, bytes: 4294967298, failure: 2\n"},
+       "3, bytes: 4294967298, failure: 2, sha256: ab\n"},
   };
   for (Sample& sample : samples) {
     if (sample.sent == nullptr)

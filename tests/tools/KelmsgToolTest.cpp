@@ -308,7 +308,8 @@ TEST_F(KelmsgOnBus, ListenPrintsWhatSendSentOfEveryType) {
         "<Kill type=\"symconst\">SOFT_KILL</Kill>", "-- id kelmsg-send-", "HARD_KILL</Kill>",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 2\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 3\n",
-        "id holder\nMessage Type: KelMsgTransferReceiptType\n   Step: 2, bytes: 18, failure: 0\n",
+        "id holder\nMessage Type: KelMsgTransferReceiptType\n   Step: 2, bytes: 18, failure: 0, "
+        "sha256: 825077552137dcef1fd14607c01858a04c8a90de1b7026395e75db695407ed6c\n",
         "id holder\nMessage Type: KelMsgFileTransferType\n   DataType: 5\n"}) {
     at = printed.find(expected, at);
     ASSERT_NE(at, std::string::npos) << "no \"" << expected << "\" in order in:\n" << printed;

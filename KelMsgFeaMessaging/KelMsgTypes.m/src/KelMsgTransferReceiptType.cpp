@@ -81,6 +81,9 @@ KelMsgBBMessage* KelMsgTransferReceiptType::Clone() const {
 
 void KelMsgTransferReceiptType::Print(FILE* stream, const char* prefix) const {
   KelMsgBBMessage::Print(stream, prefix);
-  std::fprintf(stream, "%s   Step: %d, bytes: %lld, failure: %d\n", prefix != nullptr ? prefix : "",
-               m_step, static_cast<long long>(m_receipt.m_bytes), m_receipt.m_failure);
+  // The digest lets a user compare what arrived with `sha256sum` of the file.
+  const bool digested = m_receipt.m_digest.GetLengthInByte() > 0;
+  std::fprintf(stream, "%s   Step: %d, bytes: %lld, failure: %d%s%s\n",
+               prefix != nullptr ? prefix : "", m_step, static_cast<long long>(m_receipt.m_bytes),
+               m_receipt.m_failure, digested ? ", sha256: " : "", m_receipt.m_digest.GetUTF8());
 }
