@@ -167,7 +167,7 @@ TEST(KelBusRecords, OnlyWholeRecordsDecode) {
   const std::string bytes = ProcessRecord().Encode() + "x";
   for (std::size_t size = 0; size <= bytes.size(); ++size)
     EXPECT_EQ(ProcessRecord::Decode(bytes.data(), size).has_value(), size + 1 == bytes.size());
-  for (const auto& [at, value] : {std::pair{0, '\x02'}, {1, '\x09'}}) {
+  for (const auto& [at, value] : {std::pair{0, '\x02'}, {1, '\x04'}}) {
     std::string damaged = bytes.substr(0, bytes.size() - 1);
     damaged[at] = value;  // the version, the kind
     EXPECT_FALSE(ProcessRecord::Decode(damaged.data(), damaged.size())) << at;
@@ -274,6 +274,10 @@ TEST(KelBusSequenceTracker, ForgetsTheLeastRecentSenderWhenFull) {
   tracker.Arrived(3, 5, now);                                 // 2 goes
   EXPECT_EQ(tracker.Arrived(1, 5, now).kind, Kind::kRepeat);
   EXPECT_EQ(tracker.Arrived(2, 9, now).kind, Kind::kNext);
+  // Labels are read by other processes: every digit of the sender counts.
+  std::string label;
+  SequenceLabel(0xf0000000000000abULL, 5, &label);
+  EXPECT_EQ(label, "f0000000000000ab:5");
 }
 
 // Sender 1's messages from 5 on, as they arrive (sequence, seconds after

@@ -258,12 +258,18 @@ TEST(KelBusSecurity, AHolderTakenOverByAnotherUserGivesTheNameUp) {
   static int arrivals[2];  // at the first holder, at the second
   const int first = holder("solver", "shared", 0);
   AssociateHandler(first, nullptr, [](const char*, const void*, int) { ++arrivals[0]; });
+  ::testing::internal::CaptureStderr();
   const int second = holder("monitor", "shared", 1);
   AssociateHandler(second, nullptr, [](const char*, const void*, int) { ++arrivals[1]; });
   ASSERT_EQ(SendText(KelMsgBBApplication("monitor"), "shared", "after the take-over"), KELBUS_OK);
   EXPECT_EQ(WaitingLoop(second, 10000, &arrivals[1]), KELBUS_OK);
   EXPECT_EQ(WaitingLoop(first, 2000, &arrivals[0]), KELBUS_ERR_NAME_LOST);
   EXPECT_EQ(arrivals[0], 0);
+  const std::string said = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find("KelBus: application 'shared' was taken over by process " +
+                      std::to_string(getpid())),
+            std::string::npos)
+      << said;
   for (const int id : {first, second})
     CloseCommunicator(id);
 }
