@@ -18,7 +18,6 @@
 #include <map>
 #include <mutex>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -242,9 +241,7 @@ TEST(KelBusSecurity, AHolderTakenOverByAnotherUserGivesTheNameUp) {
   KelmsgProcess bus(
       {"bus", "--tls", "--auth", "--state-dir", state / "", "--ports", "20000-29999"});
   ASSERT_TRUE(bus.WaitForOutput(".password\n")) << bus.Err();
-  std::istringstream lines(bus.Out());
-  for (std::string line; std::getline(lines, line);)
-    setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
+  bus.ExportPrintedSettings();
   const std::string url = getenv("KELBUS_URL");
   const auto holder = [&](const std::string& user, const char* app, int flag) {
     setenv("KELBUS_URL", std::regex_replace(url, std::regex("//[^@]*@"), "//" + user + "@").c_str(),

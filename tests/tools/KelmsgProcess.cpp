@@ -3,6 +3,8 @@
 #include <pty.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <sstream>
 #include <thread>
 
 namespace {
@@ -71,4 +73,12 @@ std::string RunKelmsgOnTerminal(const std::vector<std::string>& arguments,
   close(terminal);
   status = kelmsg.ExitCode(30s);
   return output;
+}
+
+void KelmsgProcess::ExportPrintedSettings() const {
+  std::istringstream lines(Out());
+  for (std::string line; std::getline(lines, line);) {
+    if (const std::size_t equals = line.find('='); equals != std::string::npos)
+      setenv(line.substr(0, equals).c_str(), line.substr(equals + 1).c_str(), 1);
+  }
 }

@@ -46,6 +46,9 @@ class KelmsgProcess {
   void Signal(int signal) { m_process.Signal(signal); }
 
   std::string Out() const { return ReadFile(m_files / "out"); }
+  // Sets every NAME=VALUE line of Out() in this process's environment, as a
+  // shell would take what `kelmsg bus` prints.
+  void ExportPrintedSettings() const;
   std::string Err() const { return ReadFile(m_files / "err"); }
 
  private:

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <memory>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -239,9 +238,7 @@ TEST(KelmsgBus, ServesTheNetworkOnlyWithTlsAndPasswords) {
   KelmsgProcess bus(
       {"bus", "--tls", "--auth", "--state-dir", state / "", "--ports", "20000-29999"});
   ASSERT_TRUE(bus.WaitForOutput(".password\n")) << bus.Err();
-  std::istringstream lines(bus.Out());
-  for (std::string line; std::getline(lines, line);)
-    setenv(line.substr(0, line.find('=')).c_str(), line.substr(line.find('=') + 1).c_str(), 1);
+  bus.ExportPrintedSettings();
   EXPECT_EQ(KelmsgProcess({"send", "nobody", "--as", "solver", "--text", "in"}).ExitCode(), 0);
   ASSERT_EQ(
       KelmsgProcess({"bus", "user", "add", "eve", "--app", "helper", "--state-dir", state / ""})
