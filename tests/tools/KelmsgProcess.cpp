@@ -3,6 +3,7 @@
 #include <pty.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -33,6 +34,14 @@ KelmsgProcess::KelmsgProcess(const std::vector<std::string>& arguments,
                              const std::vector<std::string>& launcher)
     : m_process(StartKelmsg(arguments, workingDirectory, "2>", m_files / "err", m_files / "out",
                             launcher)) {}
+
+KelmsgProcess::~KelmsgProcess() {
+  if (!m_process.Running())
+    return;
+  m_process.Signal(SIGTERM);
+  m_process.Signal(SIGCONT);  // a test may have stopped it
+  m_process.Wait(5s);
+}
 
 std::vector<std::string> KelmsgProcess::OnTmpfs(const std::string& directory, std::size_t bytes) {
   return {KELMSG_UNSHARE,

@@ -1,7 +1,8 @@
 // KelmsgProcess: the built kelmsg, run as a user runs it: a process of its
 // own with the test's environment (KELBUS_URL included), its standard output
-// and error captured apart.  The object owns the process and kills one still
-// running when it goes; one thread uses it.
+// and error captured apart.  The object owns the process and, when it goes,
+// stops one still running as a user would (SIGTERM, so that it removes what
+// it made), killing it after 5 s; one thread uses it.
 #ifndef KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 #define KELMSG_TESTS_TOOLS_KELMSGPROCESS_H_
 
@@ -24,6 +25,9 @@ class KelmsgProcess {
   explicit KelmsgProcess(const std::vector<std::string>& arguments,
                          const std::string& workingDirectory = "",
                          const std::vector<std::string>& launcher = {});
+  ~KelmsgProcess();
+  KelmsgProcess(const KelmsgProcess&) = delete;
+  KelmsgProcess& operator=(const KelmsgProcess&) = delete;
   // A launcher for the constructor that runs kelmsg in a mount namespace of
   // its own (unshare) where `directory` is a fresh tmpfs of `bytes`, which
   // only that process sees (under /proc/<Pid()>/root); where namespaces or
