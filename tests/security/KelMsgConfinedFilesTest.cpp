@@ -99,11 +99,11 @@ TEST(KelMsgConfinedFiles, StrangersReachNoFileBeyondTheServedDirectoriesAndServi
   EXPECT_NE(unconfined.Err().find("warning: unconfined"), std::string::npos);
 
   const std::tuple<const char*, int, std::string> attacks[] = {
-      {"files", kPull, "/etc/passwd"}, {"files", kPull, secret}, {"files", kPull, "../secret"},
-      {"files", kPull, "out/secret"},  {"files", kPush, secret}, {"files", kPush, "../planted"},
-      {"files", kPush, "out/planted"}, {"peer", kPush, secret},  {"peer", kPush, "out/planted"},
-      {"peer", kPull, secret},         {"files", kPull, "pipe"}, {"peer", kPull, "pipe"},
-      {"open", kPull, "/dev/zero"}};
+      {"files", kPull, "/etc/passwd"}, {"files", kPull, secret},  {"files", kPull, "../secret"},
+      {"files", kPull, "out/secret"},  {"files", kPush, secret},  {"files", kPush, "../planted"},
+      {"files", kPush, "out/planted"}, {"peer", kPush, secret},   {"peer", kPush, "out/planted"},
+      {"peer", kPull, secret},         {"files", kPull, "pipe"},  {"peer", kPull, "pipe"},
+      {"open", kPull, "/dev/zero"},    {"files", kPull, "absent"}};
   int answers[] = {0, 0};  // a pull ends with a completion (5), a push with a receipt (6)
   for (const auto& [victim, step, file] : attacks) {
     SCOPED_TRACE(std::string(victim) + " " + std::to_string(step) + " " + file);
@@ -119,6 +119,8 @@ TEST(KelMsgConfinedFiles, StrangersReachNoFileBeyondTheServedDirectoriesAndServi
   EXPECT_FALSE(fs::exists(scratch / "planted") || fs::exists(scratch / "planted.partial"));
   EXPECT_NE(files.Out().find("refused to read /etc/passwd: outside the permitted directories\n"),
             std::string::npos);
+  EXPECT_EQ(files.Out().find("/absent: "), std::string::npos)
+      << "a missing file is no refusal: " << files.Out();
 
   // A stranger's transfer to a pull that waits for mallory, and to a push
   // that waits for trudy's receipt.
