@@ -66,6 +66,10 @@ std::string LastLine(const std::string& text) {
                      end - (start == std::string::npos ? 0 : start + 1) + 1);
 }
 
+std::string Keyword(const std::string& line) {
+  return line.substr(0, line.find(' '));
+}
+
 std::string MakePrivateDirectory() {
   std::string pattern = (fs::temp_directory_path() / "kelbus-broker-XXXXXX").string();
   return mkdtemp(pattern.data()) != nullptr ? pattern : std::string();
@@ -182,9 +186,11 @@ bool PrivateBroker::Start() {
 // port, secured as the settings ask, and its persistent state in the state
 // directory: the files it names are the settings' own.
 bool PrivateBroker::WriteConfiguration(const std::string& path) const {
-  static const std::set<std::string> kReplaced = {
-      "certfile", "keyfile", "ciphers_tls1.3", "password_file", "acl_file", "persistence_location",
-      "log_dest", "user"};
+  std::set<std::string> replaced = {"certfile",      "keyfile",  "ciphers_tls1.3",
+                                    "password_file", "acl_file", "persistence_location",
+                                    "log_dest",      "user"};
+  for (const std::string& line : m_settings.overrides)
+    replaced.insert(Keyword(line));
   std::ifstream project(m_settings.configuration);
   std::ofstream derived(path);
   if (!project || !derived)
@@ -195,7 +201,7 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
     derived << "user root\n";
   std::string line;
   while (std::getline(project, line)) {
-    if (kReplaced.contains(line.substr(0, line.find(' '))))
+    if (replaced.contains(Keyword(line)))
       continue;
     if (line.starts_with("listener ")) {
       line = "listener " + std::to_string(m_port) + " " + m_settings.address;
@@ -212,6 +218,8 @@ bool PrivateBroker::WriteConfiguration(const std::string& path) const {
     derived << "password_file " << m_settings.passwordFile << '\n';
   if (!m_settings.aclFile.empty())
     derived << "acl_file " << m_settings.aclFile << '\n';
+  for (const std::string& line : m_settings.overrides)
+    derived << line << '\n';
   derived << "log_dest stderr\n";
   derived << "persistence_location " << StateDirectory() << "/\n";
   return static_cast<bool>(derived);

@@ -46,6 +46,9 @@ class PrivateBroker {
     // Where the broker keeps its persistent state; empty: the broker's
     // private directory, which goes with the object.
     std::string stateDirectory{};
+    // Lines that take the place of every line of the configuration with the
+    // same keyword, such as "max_queued_messages 2".
+    std::vector<std::string> overrides{};
   };
 
   // Starts the broker on `port` and waits until it listens on it, at

@@ -1,6 +1,19 @@
 #include "CreditLedger.h"
 
+#include <algorithm>
+
 namespace kelbus {
+
+namespace {
+
+// Short enough that a lost message goes again within seconds.  A holder
+// sent a few small messages reports nothing until it is probed, so this is
+// also how soon a quiet sender frees their copies.
+constexpr std::chrono::seconds kFirstProbePause{5};
+// A holder stopped for long is probed about once a minute.
+constexpr std::chrono::seconds kLastProbePause{60};
+
+}  // namespace
 
 bool CreditLedger::Add(std::string_view app) {
   std::lock_guard lock(m_mutex);
@@ -48,6 +61,8 @@ void CreditLedger::Sent(std::string_view app, std::size_t cost, std::string_view
     m_spare.pop_back();
     m_spareBytes -= kept.bytes.capacity();
   }
+  if (target.outstanding.empty())
+    HeardFrom(target, Clock::now());
   kept.sequence = target.sequence;
   kept.cost = cost;
   kept.topic.assign(topic);
@@ -130,6 +145,7 @@ void CreditLedger::Credited(std::uint64_t claim, std::uint64_t sequence) {
     for (auto& [app, target] : m_targets) {
       if (target.claim != claim)
         continue;
+      HeardFrom(target, Clock::now());
       while (!target.outstanding.empty() && target.outstanding.front().sequence <= sequence) {
         Kept& kept = target.outstanding.front();
         target.outstandingBytes -= kept.cost;
@@ -142,6 +158,28 @@ void CreditLedger::Credited(std::uint64_t claim, std::uint64_t sequence) {
     }
   }
   m_changed.notify_all();
+}
+
+CreditLedger::Clock::time_point CreditLedger::ProbeSilentHolders(Clock::time_point now,
+                                                                 const Resender& resend) {
+  std::lock_guard lock(m_mutex);
+  Clock::time_point next = now + kFirstProbePause;
+  for (auto& [app, target] : m_targets) {
+    if (target.outstanding.empty() || !target.claim || target.departed)
+      continue;
+    if (now >= target.probeDue) {
+      resend(target.outstanding.back());
+      target.probePause = std::min<Clock::duration>(2 * target.probePause, kLastProbePause);
+      target.probeDue = now + target.probePause;
+    }
+    next = std::min(next, target.probeDue);
+  }
+  return next;
+}
+
+void CreditLedger::HeardFrom(Target& target, Clock::time_point now) {
+  target.probePause = kFirstProbePause;
+  target.probeDue = now + kFirstProbePause;
 }
 
 void CreditLedger::Wake() {

@@ -17,6 +17,13 @@
 // that it can go again when the broker may have lost it: the window that
 // bounds sending bounds the copies as well.
 //
+// A broker that drops messages while every connection stays up (a queue
+// limit) leaves nothing that tells the holder: no later message shows the
+// gap when the last ones are lost.  So a holder that has reported nothing
+// for a while, with messages kept for it, is sent the newest again: taken,
+// repeated or ahead of a gap, it draws a report or a request to send again.
+// The pause before such a probe doubles while the holder stays silent.
+//
 // Thread-safe: the sending thread asks and records, the network threads
 // report presence records and credits.
 #ifndef KELBUS_SRC_CREDITLEDGER_H_
@@ -76,6 +83,9 @@ class CreditLedger {
   void ResendTo(std::uint64_t claim, std::uint64_t after, const Resender& resend) const;
   // The same for every holder, of every message kept.
   void ResendAll(const Resender& resend) const;
+  // Hands `resend` the newest message kept for each holder whose probe is
+  // due at `now`; returns when the next may be.
+  Clock::time_point ProbeSilentHolders(Clock::time_point now, const Resender& resend);
 
   // The probe record of claim `probe` marks where the retained presence
   // record of `app` ends.  Called before the probe is published: it may
@@ -109,7 +119,12 @@ class CreditLedger {
     bool departed = false;
     std::deque<Kept> outstanding;
     std::size_t outstandingBytes = 0;
+    // Silence since `outstanding` was empty or the holder last reported.
+    Clock::time_point probeDue{};
+    Clock::duration probePause{};
   };
+
+  static void HeardFrom(Target& target, Clock::time_point now);
 
   const std::size_t m_window;
   mutable std::mutex m_mutex;

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -21,7 +22,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -149,6 +152,8 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   void TakeCredit(const void* payload, std::size_t size);
   // Publishes a kept message again, as it first went.
   void SendAgain(const CreditLedger::Kept& kept);
+  // The prober's thread (see CreditLedger), started by the first send.
+  void ProbeSilentHolders(const std::stop_token& stop);
   // Whether a blocked send should stop waiting.
   bool SendingStops() const;
 
@@ -200,6 +205,8 @@ class MqttTransport final : public Transport, public MqttLink::Listener {
   DepartureHold m_departures{
       std::min(kDepartureConfirmation, m_settings.departureDelay),
       [this](const ProcessRecord& departure, bool report) { Departed(departure, report); }};
+  // Last of all, as it sends through the members above.
+  std::jthread m_prober;
 };
 
 MqttTransport::MqttTransport(const BusAddress& address, const Inbox& inbox)
@@ -433,6 +440,8 @@ KelBusResult MqttTransport::Send(std::string_view target, const char* type, cons
   if (result == KELBUS_OK) {
     m_targets.Sent(target, cost, m_targetTopic, type,
                    {static_cast<const char*>(bytes), static_cast<std::size_t>(size)});
+    if (!m_prober.joinable())
+      m_prober = std::jthread([this](const std::stop_token& stop) { ProbeSilentHolders(stop); });
     // The broker's access rules refuse a sender as a whole, so a refusal
     // shows on the first message to a target, and is reported at once.
     if (firstToTarget && m_link->Settle(Clock::now() + kConnectLimit) == KELBUS_ERR_REFUSED)
@@ -478,6 +487,9 @@ void MqttTransport::Close() {
   m_targets.Wake();
   m_departures.Stop();
   std::lock_guard operation(m_operationMutex);
+  m_prober.request_stop();
+  if (m_prober.joinable())
+    m_prober.join();
   if (m_closed || !m_link)
     return;
   m_closed = true;
@@ -584,6 +596,17 @@ void MqttTransport::SendAgain(const CreditLedger::Kept& kept) {
     return;  // labelled once already, so only memory can be short
   std::lock_guard lock(m_linkMutex);
   m_link->PublishControl(kept.topic, kept.bytes, properties.get());
+}
+
+void MqttTransport::ProbeSilentHolders(const std::stop_token& stop) {
+  std::mutex mutex;
+  std::condition_variable_any stopped;
+  std::unique_lock lock(mutex);
+  while (!stop.stop_requested()) {
+    const auto next = m_targets.ProbeSilentHolders(
+        Clock::now(), [this](const CreditLedger::Kept& kept) { SendAgain(kept); });
+    stopped.wait_until(lock, stop, next, [] { return false; });
+  }
 }
 
 void MqttTransport::Consumed(const ReceivedMessage& message) {

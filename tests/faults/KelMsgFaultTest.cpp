@@ -31,6 +31,7 @@
 #include "TcpRelay.h"
 #include "TestBroker.h"
 #include "TestFiles.h"
+#include "TextMessages.h"
 
 namespace {
 
@@ -62,6 +63,15 @@ long PeakResidentKiB(pid_t pid) {
   }
   status >> kib;
   return kib;
+}
+
+// The state letter of a process (R, S, T for stopped...).
+char ProcessState(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const std::size_t end = line.rfind(')');
+  return end == std::string::npos || end + 2 >= line.size() ? '?' : line[end + 2];
 }
 
 class KelMsgFaultTest : public ::testing::Test {
@@ -411,6 +421,47 @@ TEST_F(KelMsgFaultTest, MessagesRelayedAcrossThreeProcessesArriveUnderTheRelaysN
                             "   data[0]: m\n   data[9]: y\n"),
             std::string::npos)
       << sink.Out();
+}
+
+// While the receiver is stopped, a broker whose queue for it holds two
+// messages drops what comes next, and every connection stays up.  Seeing
+// the gap when a later message comes, the receiver asks its sender for the
+// rest and gets it, long before it would give the gap up for lost (20 s).
+// Message i is i + 1 bytes long, so its size line tells it.
+TEST(KelMsgBrokerDropTest, WhatTheBrokerDroppedIsSentAgainWhenTheReceiverAsks) {
+  TestBroker broker(TestBroker::Security::kNone, {"max_queued_messages 2", "log_type error",
+                                                  "log_type warning", "log_type notice"});
+  ASSERT_TRUE(broker.Running()) << broker.Error();
+  broker.ExportUrl();
+  constexpr int kMessages = 40;
+  KelmsgProcess inbox({"listen", "inbox", "--count", std::to_string(kMessages)});
+  ASSERT_TRUE(inbox.WaitForOutput("listening as inbox\n")) << inbox.Err();
+  const KelMsgBBCallbackManager registry;
+  const KelMsgBBApplication sender("sender");
+  ASSERT_TRUE(sender.Joined());
+  KelMsgBBCallbackManager::SetMessageID("sender");
+  inbox.Signal(SIGSTOP);
+  for (int tries = 0; tries < 100 && ProcessState(inbox.Pid()) != 'T'; ++tries)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  ASSERT_EQ(ProcessState(inbox.Pid()), 'T');
+  for (int i = 0; i + 1 < kMessages; ++i)
+    ASSERT_EQ(SendText(sender, "inbox", std::string(std::size_t(i) + 1, 'x')), KELBUS_OK);
+  int unchanged = -1;
+  for (int slice = 0; slice < 50 && broker.Log().find("being dropped") == std::string::npos;
+       ++slice)
+    sender.Wait(unchanged, 100);
+  ASSERT_NE(broker.Log().find("being dropped"), std::string::npos) << broker.Log();
+  inbox.Signal(SIGCONT);
+  ASSERT_EQ(SendText(sender, "inbox", std::string(kMessages, 'x')), KELBUS_OK);
+  for (int slice = 0; slice < 150 && inbox.Running(); ++slice)
+    sender.Wait(unchanged, 100);
+  ASSERT_EQ(inbox.ExitCode(1s), 0) << inbox.Err() << inbox.Out();
+  const std::string out = inbox.Out();
+  std::size_t at = 0;
+  for (int size = 1; size <= kMessages; ++size) {
+    at = out.find("   size: " + std::to_string(size) + "\n", at);
+    ASSERT_NE(at, std::string::npos) << "message " << size - 1 << " missing or late:\n" << out;
+  }
 }
 
 }  // namespace

@@ -31,7 +31,10 @@ int FreePort() {
 
 }  // namespace
 
-TestBroker::TestBroker(Security security) : m_security(security) {
+TestBroker::TestBroker(Security security) : TestBroker(security, {}) {}
+
+TestBroker::TestBroker(Security security, std::vector<std::string> overrides)
+    : m_security(security), m_overrides(std::move(overrides)) {
   for (int attempt = 0; attempt < kAttempts && !Running(); ++attempt)
     m_broker = Start(FreePort());
 }
@@ -41,7 +44,8 @@ TestBroker::TestBroker(int port) : m_broker(Start(port)) {}
 std::unique_ptr<PrivateBroker> TestBroker::Start(int port) const {
   PrivateBroker::Settings settings{.configuration = m_security == Security::kSite
                                                         ? KELMSG_SITE_CONFIGURATION
-                                                        : KELMSG_BROKER_CONFIGURATION};
+                                                        : KELMSG_BROKER_CONFIGURATION,
+                                   .overrides = m_overrides};
   if (m_security == Security::kSite)
     settings.aclFile = KELMSG_SITE_ACL;
   if (m_security != Security::kNone) {

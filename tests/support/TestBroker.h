@@ -15,6 +15,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "PrivateBroker.h"
 
@@ -23,6 +24,9 @@ class TestBroker {
   enum class Security { kNone, kTlsAndPasswords, kSite };
 
   explicit TestBroker(Security security = Security::kNone);
+  // With `overrides` in place of the configuration's lines of the same
+  // keywords (PrivateBroker::Settings).
+  TestBroker(Security security, std::vector<std::string> overrides);
   // On `port`, one attempt, in the clear.
   explicit TestBroker(int port);
 
@@ -57,6 +61,7 @@ class TestBroker {
   std::unique_ptr<PrivateBroker> Start(int port) const;
 
   Security m_security = Security::kNone;
+  std::vector<std::string> m_overrides;
   std::unique_ptr<PrivateBroker> m_broker;
 };
 

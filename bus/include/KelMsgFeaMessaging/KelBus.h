@@ -128,7 +128,12 @@
 //     subscriptions, then publishes its presence record again); and when
 //     the holder, holding a message back, asks for what follows the last
 //     one it took.  A holder that receives a message again reports again
-//     what it dispatched, since the broker may have lost its reports.
+//     what it dispatched, since the broker may have lost its reports.  A
+//     broker that drops messages while every connection stays up (a queue
+//     limit) may drop the last ones, which no later message reveals: so a
+//     holder that has reported nothing for 5 s while messages are kept for
+//     it is sent the newest again, a probe that draws its report or its
+//     request; the pause doubles, up to a minute, while it stays silent.
 //   - What is still lost: the messages of a sender that dies (or closes its
 //     communicator) before they reached the holder's session on the broker,
 //     or that a killed broker lost with it.  The holder reports them in a
