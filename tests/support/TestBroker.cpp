@@ -31,8 +31,6 @@ int FreePort() {
 
 }  // namespace
 
-TestBroker::TestBroker(Security security) : TestBroker(security, {}) {}
-
 TestBroker::TestBroker(Security security, std::vector<std::string> overrides)
     : m_security(security), m_overrides(std::move(overrides)) {
   for (int attempt = 0; attempt < kAttempts && !Running(); ++attempt)

@@ -23,10 +23,9 @@ class TestBroker {
  public:
   enum class Security { kNone, kTlsAndPasswords, kSite };
 
-  explicit TestBroker(Security security = Security::kNone);
   // With `overrides` in place of the configuration's lines of the same
   // keywords (PrivateBroker::Settings).
-  TestBroker(Security security, std::vector<std::string> overrides);
+  explicit TestBroker(Security security = Security::kNone, std::vector<std::string> overrides = {});
   // On `port`, one attempt, in the clear.
   explicit TestBroker(int port);
 

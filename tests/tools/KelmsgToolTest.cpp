@@ -29,15 +29,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-TEST(KelmsgCommandLine, EveryCommandHasHelp) {
-  for (const char* command : {"bus", "listen", "send", "serve", "push", "pull", "watch",
-                              "find-port", "stamp", "shared", "unstamp"}) {
-    KelmsgProcess help({command, "--help"});
-    EXPECT_EQ(help.ExitCode(), 0) << command << ": " << help.Err();
-    EXPECT_NE(help.Out().find(std::string("kelmsg ") + command), std::string::npos) << help.Out();
-  }
-}
-
 class KelmsgOnBus : public testing::Test {
  protected:
   void SetUp() override {
