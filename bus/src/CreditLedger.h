@@ -119,7 +119,8 @@ class CreditLedger {
     bool departed = false;
     std::deque<Kept> outstanding;
     std::size_t outstandingBytes = 0;
-    // Silence since `outstanding` was empty or the holder last reported.
+    // When to probe next, and the pause that led there: it starts afresh
+    // when the holder reports, or when a message goes with none kept.
     Clock::time_point probeDue{};
     Clock::duration probePause{};
   };
